@@ -1,0 +1,3 @@
+#include "driver/main.h"
+
+int main(int argc, char** argv) { return KestrixMain(argc, argv); }

@@ -1,0 +1,308 @@
+#include "link/string.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+namespace {
+
+bool IsDigit(char c) { return c >= '0' && c <= '9'; }
+
+int HexDigitValue(char c) {
+  if (c >= '0' && c <= '9') return c - '0';
+  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+  return -1;
+}
+
+const char* SkipBlanks(const char* p) {
+  while (*p == ' ') ++p;
+  return p;
+}
+
+// Whole positive number with a limit that every running value must stay
+// below; returns the end of the digits, or null.
+const char* ReadBoundedDigits(const char* p, uint32_t limit, uint32_t* value) {
+  if (!IsDigit(*p)) return nullptr;
+  uint32_t v = 0;
+  while (IsDigit(*p)) {
+    v = v * 10u + static_cast<uint32_t>(*p - '0');
+    if (v >= limit) return nullptr;
+    ++p;
+  }
+  *value = v;
+  return p;
+}
+
+// Fraction digits after a decimal mark, each weighted a tenth of the last.
+const char* ReadFraction(const char* p, double* fraction) {
+  double weight = 0.1;
+  double f = 0.0;
+  while (IsDigit(*p)) {
+    f += (*p - '0') * weight;
+    weight *= 0.1;
+    ++p;
+  }
+  *fraction = f;
+  return p;
+}
+
+}  // namespace
+
+int ParseNmeaString(char* sentence, int32_t* offsets, int maximum) {
+  if (sentence[0] != '$') return kNmeaNoDollar;
+  unsigned char sum = 0;
+  char* p = sentence + 1;
+  while (*p != '\0' && *p != '*') sum ^= static_cast<unsigned char>(*p++);
+  if (*p != '*') return kNmeaNoStar;
+  *p = '\0';
+  int high = HexDigitValue(p[1]);
+  int low = high < 0 ? -1 : HexDigitValue(p[2]);
+  if (high < 0 || low < 0) return kNmeaBadChecksumDigit;
+  if (p[3] != '\0') return kNmeaTrailingText;
+  if (((high << 4) | low) != sum) return kNmeaChecksumMismatch;
+
+  int fields = 0;
+  if (maximum > 0) offsets[fields++] = 0;
+  for (char* q = sentence; *q != '\0'; ++q) {
+    if (*q != ',') continue;
+    *q = '\0';
+    if (fields < maximum) offsets[fields++] = static_cast<int32_t>(q + 1 - sentence);
+  }
+  return fields;
+}
+
+int DecodeUintString(const char* text, uint32_t* value) {
+  const char* p = SkipBlanks(text);
+  uint32_t v = 0;
+  while (IsDigit(*p)) {
+    if (v > 214748364u) return -1;
+    v = v * 10u + static_cast<uint32_t>(*p - '0');
+    ++p;
+  }
+  p = SkipBlanks(p);
+  if (*p != '\0') return -1;
+  *value = v;
+  return 0;
+}
+
+int DecodeIntegerString(const char* text, int32_t* value) {
+  const char* p = SkipBlanks(text);
+  bool negative = false;
+  if (*p == '-' || *p == '+') {
+    negative = *p == '-';
+    p = SkipBlanks(p + 1);
+  }
+  uint32_t v = 0;
+  while (IsDigit(*p)) {
+    if (v > 214748364u) return -1;
+    v = v * 10u + static_cast<uint32_t>(*p - '0');
+    ++p;
+  }
+  p = SkipBlanks(p);
+  if (*p != '\0') return -1;
+  // Modular, as a 32-bit negation would be.
+  *value = static_cast<int32_t>(negative ? 0u - v : v);
+  return 0;
+}
+
+int DecodeHexString(const char* text, uint32_t* value) {
+  const char* p = SkipBlanks(text);
+  uint32_t v = 0;
+  for (int digit = HexDigitValue(*p); digit >= 0; digit = HexDigitValue(*++p)) {
+    v = (v << 4) | static_cast<uint32_t>(digit);
+  }
+  if (*p != '\0' && *p != ' ') return -1;
+  *value = v;
+  return 0;
+}
+
+int DecodeDecimalString(const char* text, double* value) {
+  const char* p = SkipBlanks(text);
+  if (*p == '\0') return -1;
+  bool negative = false;
+  if (*p == '-' || *p == '+') {
+    negative = *p == '-';
+    p = SkipBlanks(p + 1);
+  }
+  if (!IsDigit(*p)) return -1;
+  double whole = 0.0;
+  while (IsDigit(*p)) whole = whole * 10.0 + (*p++ - '0');
+  double fraction = 0.0;
+  if (*p == ',' || *p == '.') p = ReadFraction(p + 1, &fraction);
+  p = SkipBlanks(p);
+  if (*p != '\0') return -1;
+  double v = whole + fraction;
+  *value = negative ? -v : v;
+  return 0;
+}
+
+int DecodeDateString2(const char* text, uint32_t* year, uint32_t* month, uint32_t* day) {
+  static constexpr char kShape[] = "99.99.99";
+  for (int i = 0; i < 8; ++i) {
+    bool ok = kShape[i] == '9' ? IsDigit(text[i]) : text[i] == '.';
+    if (!ok) return -1;
+  }
+  if (text[8] != '\0') return -1;
+  auto two = [&](int at) { return static_cast<uint32_t>((text[at] - '0') * 10 + (text[at + 1] - '0')); };
+  uint32_t d = two(0), m = two(3), y = two(6);
+  if (m < 1 || m > 12 || d < 1 || d > 31) return -1;
+  if (m == 2 && (d > 29 || (d == 29 && y % 4 != 0))) return -1;
+  if (d == 31 && (m == 4 || m == 6 || m == 9 || m == 11)) return -1;
+  *year = y;
+  *month = m;
+  *day = d;
+  return 0;
+}
+
+int DecodeTimeString(const char* text, uint32_t* hour, uint32_t* minute, uint32_t* second,
+                     char separator) {
+  static constexpr uint32_t kLimits[3] = {24, 60, 60};
+  uint32_t parts[3] = {};
+  const char* p = text;
+  for (int i = 0; i < 3; ++i) {
+    p = SkipBlanks(p);
+    if (i > 0) {
+      if (*p != separator) return -1;
+      p = SkipBlanks(p + 1);
+    }
+    p = ReadBoundedDigits(p, kLimits[i], &parts[i]);
+    if (p == nullptr) return -1;
+  }
+  p = SkipBlanks(p);
+  if (*p != '\0') return -1;
+  *hour = parts[0];
+  *minute = parts[1];
+  *second = parts[2];
+  return 0;
+}
+
+const char* DecodeWptPosString(const char* text, int latitude, double* degrees) {
+  const char* p = SkipBlanks(text);
+  double sign;
+  if (latitude) {
+    if (*p == 'N' || *p == 'n') {
+      sign = 1.0;
+    } else if (*p == 'S' || *p == 's') {
+      sign = -1.0;
+    } else {
+      return nullptr;
+    }
+  } else {
+    if (*p == 'E' || *p == 'e') {
+      sign = 1.0;
+    } else if (*p == 'W' || *p == 'w') {
+      sign = -1.0;
+    } else {
+      return nullptr;
+    }
+  }
+  p = SkipBlanks(p + 1);
+  uint32_t whole = 0;
+  p = ReadBoundedDigits(p, latitude ? 90u : 180u, &whole);
+  if (p == nullptr) return nullptr;
+  double value = whole;
+  if (*p == ' ') {
+    uint32_t wholeMinutes = 0;
+    p = ReadBoundedDigits(SkipBlanks(p), 60u, &wholeMinutes);
+    if (p == nullptr) return nullptr;
+    double minutes = wholeMinutes;
+    if (*p == ' ') {
+      uint32_t wholeSeconds = 0;
+      p = ReadBoundedDigits(SkipBlanks(p), 60u, &wholeSeconds);
+      if (p == nullptr) return nullptr;
+      double seconds = wholeSeconds;
+      if (*p == '.' || *p == ',') {
+        double fraction = 0.0;
+        p = ReadFraction(p + 1, &fraction);
+        seconds += fraction;
+      }
+      minutes += seconds / 60.0;
+    } else if (*p == '.' || *p == ',') {
+      double fraction = 0.0;
+      p = ReadFraction(p + 1, &fraction);
+      minutes += fraction;
+    }
+    value += minutes / 60.0;
+  } else if (*p == '.' || *p == ',') {
+    double fraction = 0.0;
+    p = ReadFraction(p + 1, &fraction);
+    value += fraction;
+  }
+  *degrees = sign * value;
+  return p;
+}
+
+int EncodeDegreesString(char* out, int32_t sec100, int latitude) {
+  // Magnitude in 64 bits so that the most negative value has one.
+  int64_t v = sec100 < 0 ? -static_cast<int64_t>(sec100) : sec100;
+  int n;
+  if (latitude) {
+    out[0] = sec100 >= 0 ? 'N' : 'S';
+    n = std::sprintf(out + 1, " %02d  %02d  %02d.%02d", static_cast<int>(v / 360000),
+                     static_cast<int>(v / 6000 % 60), static_cast<int>(v / 100 % 60),
+                     static_cast<int>(v % 100));
+  } else {
+    out[0] = sec100 >= 0 ? 'E' : 'W';
+    n = std::sprintf(out + 1, " %03d  %02d  %02d.%02d", static_cast<int>(v / 360000),
+                     static_cast<int>(v / 6000 % 60), static_cast<int>(v / 100 % 60),
+                     static_cast<int>(v % 100));
+  }
+  return n;
+}
+
+int CompressString(char* text) {
+  char* out = text;
+  const char* p = text;
+  while (*p == ' ') ++p;
+  while (*p != '\0') {
+    if (*p == ' ') {
+      while (p[1] == ' ') ++p;
+    }
+    *out++ = *p++;
+  }
+  if (out > text && out[-1] == ' ') --out;
+  *out = '\0';
+  return static_cast<int>(out - text);
+}
+
+int CompressXmlString(char* text) {
+  if (text == nullptr) return 0;
+  for (char* p = text; *p != '\0'; ++p) {
+    if (*p == '\r' || *p == '\n' || *p == '\t') *p = ' ';
+  }
+  return CompressString(text);
+}
+
+TextBuffer::~TextBuffer() { std::free(data); }
+
+int AddLogTxt(TextBuffer* buffer) {
+  // A piece never exceeds the line area, whatever the formatting call said.
+  int32_t lineLength = buffer->lineLength;
+  if (lineLength < 0 || lineLength > 255) {
+    lineLength = static_cast<int32_t>(strnlen(buffer->line, 255));
+  }
+  if (buffer->data == nullptr) {
+    buffer->data = static_cast<char*>(std::malloc(kTextBufferInitialSize));
+    if (buffer->data == nullptr) return -1;
+    buffer->capacity = kTextBufferInitialSize;
+    buffer->length = 0;
+    buffer->data[0] = '\0';
+  }
+  if (buffer->length + lineLength + 1 >= buffer->capacity) {
+    char* grown = static_cast<char*>(std::malloc(static_cast<size_t>(buffer->capacity) * 2));
+    if (grown == nullptr) {
+      std::free(buffer->data);
+      buffer->data = nullptr;
+      return -1;
+    }
+    std::memcpy(grown, buffer->data, static_cast<size_t>(buffer->length) + 1);
+    std::free(buffer->data);
+    buffer->data = grown;
+    buffer->capacity *= 2;
+  }
+  std::memcpy(buffer->data + buffer->length, buffer->line, static_cast<size_t>(lineLength));
+  buffer->length += lineLength;
+  buffer->data[buffer->length] = '\0';
+  return 0;
+}

@@ -1,0 +1,48 @@
+// Strict text field decoders, NMEA sentence splitting and the text collector.
+#pragma once
+
+#include <cstdint>
+
+// ParseNmeaString results below 1.
+constexpr int kNmeaNoDollar = -1;
+constexpr int kNmeaBadChecksumDigit = -2;
+constexpr int kNmeaTrailingText = -3;
+constexpr int kNmeaChecksumMismatch = -4;
+constexpr int kNmeaNoStar = -5;
+
+int ParseNmeaString(char* sentence, int32_t* offsets, int maximum);
+
+// All decoders consume the whole field (blanks around it allowed) and leave
+// their outputs untouched on failure.
+int DecodeIntegerString(const char* text, int32_t* value);
+int DecodeUintString(const char* text, uint32_t* value);
+int DecodeHexString(const char* text, uint32_t* value);
+int DecodeDecimalString(const char* text, double* value);
+int DecodeDateString2(const char* text, uint32_t* year, uint32_t* month, uint32_t* day);
+int DecodeTimeString(const char* text, uint32_t* hour, uint32_t* minute, uint32_t* second,
+                     char separator);
+const char* DecodeWptPosString(const char* text, int latitude, double* degrees);
+
+int EncodeDegreesString(char* out, int32_t sec100, int latitude);
+
+int CompressString(char* text);
+int CompressXmlString(char* text);
+
+// A text document under construction: the caller formats one piece of at
+// most 255 characters into `line`, sets `lineLength` and calls AddLogTxt.
+struct TextBuffer {
+  char* data = nullptr;
+  int32_t capacity = 0;
+  int32_t length = 0;
+  char line[256] = {};
+  int32_t lineLength = 0;
+
+  TextBuffer() = default;
+  TextBuffer(const TextBuffer&) = delete;
+  TextBuffer& operator=(const TextBuffer&) = delete;
+  ~TextBuffer();
+};
+
+constexpr int32_t kTextBufferInitialSize = 10000;
+
+int AddLogTxt(TextBuffer* buffer);

@@ -1,0 +1,6 @@
+// MLR receivers: track download.
+#pragma once
+
+#include <cstdint>
+
+int32_t DownloadMlrTrackLog();

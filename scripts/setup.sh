@@ -7,7 +7,7 @@ packages=(
   build-essential cmake pkg-config
   libhidapi-dev libusb-1.0-0-dev
   googletest libgtest-dev libgmock-dev libbenchmark-dev
-  libgeographiclib-dev zlib1g-dev
+  libgeographiclib-dev zlib1g-dev libssl-dev libxml2-utils gpsbabel
 )
 
 missing=()

@@ -11,6 +11,7 @@
 
 #include "driver/cmd.h"
 #include "driver/config.h"
+#include "output/file.h"
 
 RunParameters tGps;
 std::atomic<int32_t> restartTask{0};
@@ -290,7 +291,11 @@ void MainProgram() {
           result = -1;
           break;
       }
-      if (result == 0) NotInThisBuild("Waypoint files");
+      if (result == 0) {
+        if ((tGps.dwFileTypes & kFileWptOzi) != 0) SaveOziWaypoints();
+        if ((tGps.dwFileTypes & kFileWptGpx) != 0) SaveGpxWaypoints();
+        if ((tGps.dwFileTypes & kFileWptKml) != 0) SaveKmlWaypoints();
+      }
       break;
     case kCommandUploadWaypoints:
       if (tGps.dwGpsType != kGpsGalileo && tGps.dwGpsType != kGpsFlymaster &&
@@ -298,7 +303,13 @@ void MainProgram() {
         std::printf("Waypoint upload not supported for the selected GPS\n");
         break;
       }
-      NotInThisBuild("Waypoint file reading");
+      if (ReadWaypointFile() == 0) {
+        if (tGps.dwGpsType == kGpsGalileo) {
+          NotInThisBuild("Brauniger/Flytec waypoint upload");
+        } else {
+          NotInThisBuild("Flymaster waypoint upload");
+        }
+      }
       break;
     case kCommandConvertIgc:
       NotInThisBuild("IGC conversion");

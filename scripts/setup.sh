@@ -7,6 +7,7 @@ packages=(
   build-essential cmake pkg-config
   libhidapi-dev libusb-1.0-0-dev
   googletest libgtest-dev libgmock-dev libbenchmark-dev
+  zlib1g-dev
 )
 
 missing=()

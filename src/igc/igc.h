@@ -3,4 +3,7 @@
 
 #include <cstdint>
 
+// Builds the track log from IGC text. `pilotField` (room for `pilotFieldSize`
+// characters) is given only when the pilot name is to be taken from the text.
+int32_t DecodeIgcBuffer(const uint8_t* text, int32_t length, char* pilotField, int32_t pilotFieldSize);
 int32_t TranslateIgcLog();

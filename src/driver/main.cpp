@@ -11,6 +11,8 @@
 
 #include "driver/cmd.h"
 #include "driver/config.h"
+#include "output/file.h"
+#include "serial/galileo.h"
 
 RunParameters tGps;
 std::atomic<int32_t> restartTask{0};
@@ -100,6 +102,10 @@ int Grow(T** array, int32_t* capacity, int32_t initial, int32_t used) {
 }
 
 }  // namespace
+
+// Stands in until the output module arrives; the bulk downloads call it
+// after every track.
+int32_t SaveTracklog() { return NotInThisBuild("Track saving"); }
 
 void ResetRunParameters() {
   std::free(tGps.pbRawLog);
@@ -229,7 +235,7 @@ void MainProgram() {
           result = NotInThisBuild("Flymaster track download");
           break;
         case kGpsGalileo:
-          result = NotInThisBuild("Brauniger/Flytec track download");
+          result = DownloadGalileoTrackLog();
           break;
         case kGpsLeonardo:
           result = NotInThisBuild("Digifly Leonardo/Air track download");
@@ -266,7 +272,7 @@ void MainProgram() {
           NotInThisBuild("Digifly Leonardo/Air track download");
           break;
         case kGpsGalileo:
-          NotInThisBuild("Brauniger/Flytec track download");
+          DownloadGalileoBulkTrackLog();
           break;
         case kGpsSyride:
           NotInThisBuild("Syride track download");
@@ -279,7 +285,7 @@ void MainProgram() {
     case kCommandDownloadWaypoints:
       switch (tGps.dwGpsType) {
         case kGpsGalileo:
-          result = NotInThisBuild("Brauniger/Flytec waypoint download");
+          result = DownloadGalileoWaypoints();
           break;
         case kGpsFlymaster:
         case kGpsFlymasterNew:
@@ -298,7 +304,10 @@ void MainProgram() {
         std::printf("Waypoint upload not supported for the selected GPS\n");
         break;
       }
-      NotInThisBuild("Waypoint file reading");
+      // ReadWaypointFile takes the placeholder's place when the readers arrive.
+      if (NotInThisBuild("Waypoint file reading") == 0) {
+        if (tGps.dwGpsType == kGpsGalileo) UploadGalileoWaypoints();
+      }
       break;
     case kCommandConvertIgc:
       NotInThisBuild("IGC conversion");

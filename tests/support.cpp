@@ -45,22 +45,21 @@ RunResult RunKestrix(const std::vector<std::string>& args, const std::string& cw
   // Close-on-exec: programs started from parallel threads must not hold each
   // other's pipes open.
   if (pipe2(out, O_CLOEXEC) != 0 || pipe2(in, O_CLOEXEC) != 0) throw std::runtime_error("pipe failed");
+  // Everything the child needs is made before the fork: a child of a
+  // process with other threads must not allocate (a lock held by another
+  // thread at the fork is never released in the child).
+  std::string program = KESTRIX_EXE;
+  std::vector<std::string> copies = args;
+  std::vector<char*> argv;
+  argv.push_back(program.data());
+  for (std::string& a : copies) argv.push_back(a.data());
+  argv.push_back(nullptr);
   pid_t pid = fork();
   if (pid < 0) throw std::runtime_error("fork failed");
   if (pid == 0) {
     dup2(out[1], STDOUT_FILENO);
     dup2(in[0], STDIN_FILENO);
-    close(out[0]);
-    close(out[1]);
-    close(in[0]);
-    close(in[1]);
     if (chdir(cwd.c_str()) != 0) _exit(126);
-    std::vector<char*> argv;
-    std::string program = KESTRIX_EXE;
-    argv.push_back(program.data());
-    std::vector<std::string> copies = args;
-    for (std::string& a : copies) argv.push_back(a.data());
-    argv.push_back(nullptr);
     execv(program.c_str(), argv.data());
     _exit(127);
   }

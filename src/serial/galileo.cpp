@@ -118,8 +118,8 @@ int32_t DecodeChecksumTail(GalileoTransfer* t, bool lowerCaseQuirk, int32_t line
     } else if (b >= 'A' && b <= 'F') {
       value = b - 'A' + 10;
     } else if (b >= 'a' && b <= 'f') {
-      // The product decoder counts "f" as 10 and "a" as 5, as the
-      // instruments' first readers did.
+      // The product decoder counts "f" as 10 and "a" as 5 on purpose: only
+      // lower-case checksums made of digits and "f" can match there.
       value = lowerCaseQuirk ? b - 'f' + 10 : b - 'a' + 10;
     } else {
       return badDigit;

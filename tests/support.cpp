@@ -42,23 +42,24 @@ RunResult RunKestrix(const std::vector<std::string>& args, const std::string& cw
                      const std::string& input) {
   int out[2];
   int in[2];
-  if (pipe(out) != 0 || pipe(in) != 0) throw std::runtime_error("pipe failed");
+  // Close-on-exec: programs started from parallel threads must not hold each
+  // other's pipes open.
+  if (pipe2(out, O_CLOEXEC) != 0 || pipe2(in, O_CLOEXEC) != 0) throw std::runtime_error("pipe failed");
+  // Everything the child needs is made before the fork: a child of a
+  // process with other threads must not allocate (a lock held by another
+  // thread at the fork is never released in the child).
+  std::string program = KESTRIX_EXE;
+  std::vector<std::string> copies = args;
+  std::vector<char*> argv;
+  argv.push_back(program.data());
+  for (std::string& a : copies) argv.push_back(a.data());
+  argv.push_back(nullptr);
   pid_t pid = fork();
   if (pid < 0) throw std::runtime_error("fork failed");
   if (pid == 0) {
     dup2(out[1], STDOUT_FILENO);
     dup2(in[0], STDIN_FILENO);
-    close(out[0]);
-    close(out[1]);
-    close(in[0]);
-    close(in[1]);
     if (chdir(cwd.c_str()) != 0) _exit(126);
-    std::vector<char*> argv;
-    std::string program = KESTRIX_EXE;
-    argv.push_back(program.data());
-    std::vector<std::string> copies = args;
-    for (std::string& a : copies) argv.push_back(a.data());
-    argv.push_back(nullptr);
     execv(program.c_str(), argv.data());
     _exit(127);
   }
@@ -79,6 +80,24 @@ RunResult RunKestrix(const std::vector<std::string>& args, const std::string& cw
   waitpid(pid, &status, 0);
   if (WIFEXITED(status)) result.status = WEXITSTATUS(status);
   return result;
+}
+
+FakeStdin::FakeStdin(const std::string& text) {
+  int p[2];
+  if (pipe2(p, O_CLOEXEC) != 0) throw std::runtime_error("pipe failed");
+  // Small texts fit the pipe, so nobody needs to be writing while it is read.
+  if (write(p[1], text.data(), text.size()) != static_cast<ssize_t>(text.size())) {
+    throw std::runtime_error("input too long for a pipe");
+  }
+  close(p[1]);
+  saved_ = dup(STDIN_FILENO);
+  dup2(p[0], STDIN_FILENO);
+  close(p[0]);
+}
+
+FakeStdin::~FakeStdin() {
+  dup2(saved_, STDIN_FILENO);
+  close(saved_);
 }
 
 void FreshRunParameters() {

@@ -12,6 +12,7 @@
 #include "driver/cmd.h"
 #include "driver/config.h"
 #include "output/file.h"
+#include "serial/galileo.h"
 
 RunParameters tGps;
 std::atomic<int32_t> restartTask{0};
@@ -101,6 +102,10 @@ int Grow(T** array, int32_t* capacity, int32_t initial, int32_t used) {
 }
 
 }  // namespace
+
+// Stands in until the output module arrives; the bulk downloads call it
+// after every track.
+int32_t SaveTracklog() { return NotInThisBuild("Track saving"); }
 
 void ResetRunParameters() {
   std::free(tGps.pbRawLog);
@@ -230,7 +235,7 @@ void MainProgram() {
           result = NotInThisBuild("Flymaster track download");
           break;
         case kGpsGalileo:
-          result = NotInThisBuild("Brauniger/Flytec track download");
+          result = DownloadGalileoTrackLog();
           break;
         case kGpsLeonardo:
           result = NotInThisBuild("Digifly Leonardo/Air track download");
@@ -267,7 +272,7 @@ void MainProgram() {
           NotInThisBuild("Digifly Leonardo/Air track download");
           break;
         case kGpsGalileo:
-          NotInThisBuild("Brauniger/Flytec track download");
+          DownloadGalileoBulkTrackLog();
           break;
         case kGpsSyride:
           NotInThisBuild("Syride track download");
@@ -280,7 +285,7 @@ void MainProgram() {
     case kCommandDownloadWaypoints:
       switch (tGps.dwGpsType) {
         case kGpsGalileo:
-          result = NotInThisBuild("Brauniger/Flytec waypoint download");
+          result = DownloadGalileoWaypoints();
           break;
         case kGpsFlymaster:
         case kGpsFlymasterNew:
@@ -305,7 +310,7 @@ void MainProgram() {
       }
       if (ReadWaypointFile() == 0) {
         if (tGps.dwGpsType == kGpsGalileo) {
-          NotInThisBuild("Brauniger/Flytec waypoint upload");
+          UploadGalileoWaypoints();
         } else {
           NotInThisBuild("Flymaster waypoint upload");
         }

@@ -109,11 +109,7 @@ int32_t DecodeWithIgcReader(const uint8_t* text, int32_t length) {
   return DecodeIgcBuffer(text, length, nullptr, 0);
 }
 
-// Until the saving pipeline is part of this build a bulk download keeps no file.
-int32_t SaveWithPipeline() {
-  std::printf("Track saving: not available in this build\n");
-  return -1;
-}
+int32_t SaveWithPipeline() { return SaveTracklog(); }
 
 const TrackConsumers kPipeline = {DecodeWithIgcReader, SaveWithPipeline};
 const TrackConsumers* pConsumers = &kPipeline;

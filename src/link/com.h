@@ -1,0 +1,34 @@
+// The serial port, its reader thread and the receive FIFO in the run
+// parameters. One port per command: the module that opens it closes it.
+#pragma once
+
+#include <cstdint>
+
+// File descriptor of the open device; -1 before the first open. Closing
+// does not reset it.
+extern int32_t hComPort;
+
+// Line speed at open for an instrument type code.
+int32_t GetComSpeedForType(int32_t gpsType);
+
+int32_t OpenComPort();
+int32_t SetComSpeed(int32_t baud);
+// Stops the reader thread and closes the device; the thread has ended when
+// it returns, so nothing reads a descriptor number that is reused later.
+int32_t CloseComPort();
+
+// The reader thread's body: moves everything received into the FIFO.
+void* ComThread(void* unused);
+
+void FlushComFifo();
+int32_t NonEmptyComFifo();
+// 1 at once when a byte waits; otherwise sleeps and returns 0 without
+// looking again.
+int32_t NonEmptyComFifoWithSleep(int32_t milliseconds);
+// Only after a non-empty test: it does not check.
+uint8_t ReadComFifo();
+
+int32_t WriteComString(const char* text);
+int32_t WriteComData(const uint8_t* data, int32_t length);
+// Appends one byte as if it had been received (no full check).
+void WriteComFifo(uint8_t byte);

@@ -394,7 +394,7 @@ TEST(GalileoWaypoints, SentencesDecodeIntoPositionsAndTexts) {
 
 TEST(GalileoCommands, FlightCommandsAndUploadSentences) {
   for (int32_t n : {1, 10, 42, 100}) {
-    char digits[3];
+    char digits[12];
     std::snprintf(digits, sizeof digits, "%02d", n - 1);
     std::string body = std::string("PBRTR,") + digits;
     char command[20];

@@ -412,7 +412,8 @@ TEST(UploadCommand, ReadsTheFileBeforeTheMissingUploadStep) {
     std::vector<std::string> args;
     std::string out;
   } cases[] = {
-      {{"-gc", "-rpoints.wpt"}, "2 waypoints found\nBrauniger/Flytec waypoint upload: not available in this build\n"},
+      // The file is read first; only then is the (here missing) port opened.
+      {{"-gc", "-rpoints.wpt"}, "2 waypoints found\nCould not open COM port \n"},
       {{"-gy", "-rpoints.geo"}, "1 waypoints found\nFlymaster waypoint upload: not available in this build\n"},
       {{"-gyn", "--silent", "-rpoints.wpt"}, "Flymaster waypoint upload: not available in this build\n"},
       {{"-gy", "-rbad.wpt"}, "Bad line 6\n"},

@@ -10,26 +10,7 @@
 
 namespace {
 
-// Puts `text` on standard input for the duration of the object.
-class FakeStdin {
- public:
-  explicit FakeStdin(const std::string& text) {
-    int p[2];
-    EXPECT_EQ(pipe(p), 0);
-    EXPECT_EQ(write(p[1], text.data(), text.size()), static_cast<ssize_t>(text.size()));
-    close(p[1]);
-    saved_ = dup(STDIN_FILENO);
-    dup2(p[0], STDIN_FILENO);
-    close(p[0]);
-  }
-  ~FakeStdin() {
-    dup2(saved_, STDIN_FILENO);
-    close(saved_);
-  }
-
- private:
-  int saved_;
-};
+using test::FakeStdin;
 
 TEST(GetUserInput, ReadsOneLineAndCutsAtTheBufferSize) {
   test::FreshRunParameters();

@@ -31,6 +31,23 @@ void TempDir::Write(const std::string& name, const std::string& text) const {
   f << text;
 }
 
+FakeStdin::FakeStdin(const std::string& text) {
+  int p[2];
+  if (pipe(p) != 0) throw std::runtime_error("pipe failed");
+  if (write(p[1], text.data(), text.size()) != static_cast<ssize_t>(text.size())) {
+    throw std::runtime_error("input larger than the pipe");
+  }
+  close(p[1]);
+  saved_ = dup(STDIN_FILENO);
+  dup2(p[0], STDIN_FILENO);
+  close(p[0]);
+}
+
+FakeStdin::~FakeStdin() {
+  dup2(saved_, STDIN_FILENO);
+  close(saved_);
+}
+
 std::string ReadFile(const std::string& path) {
   std::ifstream f(path, std::ios::binary);
   std::ostringstream s;

@@ -32,6 +32,18 @@ RunResult RunKestrix(const std::vector<std::string>& args, const std::string& cw
 
 std::string ReadFile(const std::string& path);
 
+// Puts `text` on standard input for the duration of the object.
+class FakeStdin {
+ public:
+  explicit FakeStdin(const std::string& text);
+  ~FakeStdin();
+  FakeStdin(const FakeStdin&) = delete;
+  FakeStdin& operator=(const FakeStdin&) = delete;
+
+ private:
+  int saved_;
+};
+
 // Resets the run parameters the way the program starts: all zero, defaults set.
 void FreshRunParameters();
 

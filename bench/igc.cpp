@@ -102,3 +102,5 @@ void BM_EncodeIgcLog(benchmark::State& state) {
 BENCHMARK(BM_EncodeIgcLog)->Unit(benchmark::kMillisecond);
 
 }  // namespace
+
+BENCHMARK_MAIN();

@@ -1,0 +1,1425 @@
+#include "track/analysis.h"
+
+#include <algorithm>
+#include <cctype>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <limits>
+#include <optional>
+#include <utility>
+
+#include "driver/main.h"
+#include "geo/conv.h"
+
+void* (*pAnalysisAllocate)(size_t bytes) = std::malloc;
+
+namespace {
+
+// A table from pAnalysisAllocate, freed on every way out.
+template <typename T>
+class Table {
+ public:
+  explicit Table(size_t count) : data_(static_cast<T*>(pAnalysisAllocate(std::max<size_t>(count, 1) * sizeof(T)))) {}
+  ~Table() { std::free(data_); }
+  Table(const Table&) = delete;
+  Table& operator=(const Table&) = delete;
+  bool ok() const { return data_ != nullptr; }
+  T* get() const { return data_; }
+  T& operator[](size_t i) const { return data_[i]; }
+
+ private:
+  T* data_;
+};
+
+GeoPos Geo(const TrackPoint& point) {
+  GeoPos g;
+  ConvertArcToGeoPos(point.lLatitude, point.lLongitude, &g.latitude, &g.longitude);
+  return g;
+}
+
+// Geodesic distance with the preset 0 that a failed computation leaves.
+double Distance(const TrackPoint& first, const TrackPoint& second) {
+  double d = 0.0;
+  CalcDistance(Geo(first), Geo(second), &d);
+  return d;
+}
+
+bool IsSegmentStart(const TrackPoint& point) { return (point.dwFlags & kTrackPointNewSegment) != 0; }
+
+// ---------------------------------------------------------------------------
+// Track checks
+
+// The first whitespace-delimited word the user types. A blank line keeps the
+// question open; the end of input or an interrupt gives an empty word.
+void ReadUserWord(char* word, size_t size) {
+  char line[256];
+  word[0] = '\0';
+  for (;;) {
+    if (GetUserInput(line, sizeof line) < 0) return;
+    const char* p = line;
+    while (*p != '\0' && std::isspace(static_cast<unsigned char>(*p))) ++p;
+    if (*p == '\0') {
+      if (line[0] != '\0' && tGps.bAbort == 0) continue;
+      return;
+    }
+    size_t n = 0;
+    while (p[n] != '\0' && !std::isspace(static_cast<unsigned char>(p[n])) && n + 1 < size) {
+      word[n] = p[n];
+      ++n;
+    }
+    word[n] = '\0';
+    return;
+  }
+}
+
+struct TrackSpan {
+  int32_t first;
+  int32_t last;
+  bool selected;
+};
+
+// Marks the tracks a comma-separated list names (number 1 is the newest
+// track). Returns false for a word with any other character.
+bool ParseTrackSelection(const char* word, TrackSpan* tracks, int32_t count) {
+  for (int32_t k = 0; k < count; ++k) tracks[k].selected = false;
+  int64_t number = 0;
+  for (const char* c = word;; ++c) {
+    if (*c >= '0' && *c <= '9') {
+      number = std::min<int64_t>(number * 10 + (*c - '0'), 1000000);
+    } else if (*c == ',' || *c == '\0') {
+      if (number >= 1 && number <= count) tracks[count - number].selected = true;
+      number = 0;
+      if (*c == '\0') return true;
+    } else {
+      return false;
+    }
+  }
+}
+
+// Speed from the earlier point to the later one in m/s; 0 unless time advances.
+double StepSpeed(const TrackPoint& earlier, const TrackPoint& later) {
+  if (later.dwTime <= earlier.dwTime) return 0.0;
+  return Distance(earlier, later) / static_cast<double>(later.dwTime - earlier.dwTime);
+}
+
+// Speed of `point` against a reference later in the log and not earlier in
+// time; equal times give an infinite speed.
+double SpeedBackTo(const TrackPoint& point, const TrackPoint& reference) {
+  uint32_t dt = reference.dwTime - point.dwTime;
+  if (dt == 0) return std::numeric_limits<double>::infinity();
+  return Distance(point, reference) / static_cast<double>(dt);
+}
+
+}  // namespace
+
+int32_t CheckForInvalidTimeStamps() {
+  TrackPoint* points = tGps.pTrackPoints;
+  int32_t count = tGps.nTrackPoints;
+  int32_t kept = 0;
+  for (int32_t i = 0; i < count; ++i) {
+    uint32_t t = points[i].dwTime;
+    if (t != 0 && t != 0x7FFFFFFFu && t != 0xFFFFFFFFu) points[kept++] = points[i];
+  }
+  tGps.nTrackPoints = kept;
+  if (kept == 0) {
+    std::printf("All positions have an invalid timestamp\n");
+    return -1;
+  }
+  if (kept < count) std::printf("%d positions with invalid timestamp have been removed\n", count - kept);
+  return 0;
+}
+
+int32_t CheckForMultipleTracks() {
+  TrackPoint* points = tGps.pTrackPoints;
+  int32_t count = tGps.nTrackPoints;
+  uint32_t gap = static_cast<uint32_t>(tGps.nGapSeconds);
+  if (count < 2 || gap == 0) return 0;
+
+  TrackSpan tracks[rules::kMaxTracks];
+  int32_t tracksFound = 1;
+  tracks[0].first = 0;
+  uint32_t reference = points[0].dwTime;
+  // The comparison with 0x0FFFFFFF (not the default 0xFFFFFFFF) leaves only
+  // the instrument's segment marks to split a log when --gap is not given.
+  for (int32_t i = 1; i < count && tracksFound < rules::kMaxTracks; ++i) {
+    uint32_t t = points[i].dwTime;
+    if (t <= reference) continue;
+    if ((gap != 0x0FFFFFFFu && t - reference >= gap) || IsSegmentStart(points[i])) tracks[tracksFound++].first = i;
+    reference = t;
+  }
+  if (tracksFound < 2) return 0;
+  for (int32_t k = 0; k < tracksFound; ++k) {
+    tracks[k].last = k + 1 < tracksFound ? tracks[k + 1].first - 1 : count - 1;
+  }
+
+  std::printf("Multiple tracks detected:\n");
+  for (int32_t number = 1; number <= tracksFound; ++number) {
+    const TrackSpan& track = tracks[tracksFound - number];
+    SystemTime start;
+    ConvertGpsTimeToSystemTime(points[track.first].dwTime, &start);
+    uint32_t duration = points[track.last].dwTime - points[track.first].dwTime;
+    std::printf("%-2d  %02d-%02d-%02d   %02d:%02d:%02d   %d:%02d:%02d\n", number, static_cast<int>(start.wDay),
+                static_cast<int>(start.wMonth), static_cast<int>(start.wYear), static_cast<int>(start.wHour),
+                static_cast<int>(start.wMinute), static_cast<int>(start.wSecond), static_cast<int>(duration / 3600),
+                static_cast<int>(duration / 60 % 60), static_cast<int>(duration % 60));
+  }
+
+  char word[256];
+  for (;;) {
+    std::printf("Select (a=all,0=none): ");
+    ReadUserWord(word, sizeof word);
+    if ((word[0] == 'a' || word[0] == 'A') && word[1] == '\0') return 0;
+    if (word[0] == '0' && word[1] == '\0') {
+      tGps.nTrackPoints = 0;
+      std::printf("No track selected\n");
+      return -1;
+    }
+    if (ParseTrackSelection(word, tracks, tracksFound)) break;
+  }
+
+  int32_t kept = 0;
+  for (int32_t k = 0; k < tracksFound; ++k) {
+    if (!tracks[k].selected) continue;
+    int32_t length = tracks[k].last - tracks[k].first + 1;
+    std::memmove(points + kept, points + tracks[k].first, sizeof(TrackPoint) * static_cast<size_t>(length));
+    kept += length;
+  }
+  tGps.nTrackPoints = kept;
+  if (kept == 0) {
+    std::printf("No track selected\n");
+    return -1;
+  }
+  return 0;
+}
+
+int32_t CheckForTimestampConsistency() {
+  TrackPoint* points = tGps.pTrackPoints;
+  int32_t count = tGps.nTrackPoints;
+  if (count < 2) return 0;
+  int32_t backwards = 0;
+  uint32_t latest = points[0].dwTime;
+  for (int32_t i = 1; i < count; ++i) {
+    if (points[i].dwTime < latest) ++backwards;
+    latest = std::max(latest, points[i].dwTime);
+  }
+  if (backwards == 0) return 0;
+  std::printf("%d positions have a timestamp going back in time. Keep anyway ? ", backwards);
+  char word[256];
+  ReadUserWord(word, sizeof word);
+  if (word[0] == 'n' || word[0] == 'N') {
+    int32_t kept = 0;
+    latest = 0;
+    for (int32_t i = 0; i < count; ++i) {
+      if (points[i].dwTime < latest) continue;
+      latest = points[i].dwTime;
+      points[kept++] = points[i];
+    }
+    tGps.nTrackPoints = kept;
+  }
+  return 0;
+}
+
+int32_t CheckForSpeedConsistency() {
+  TrackPoint* points = tGps.pTrackPoints;
+  int32_t count = tGps.nTrackPoints;
+  if (tGps.bNoAnalysis != 0 || count < rules::kSpeedCheckMinPoints) return 0;
+
+  int32_t bins[rules::kSpeedBins] = {};
+  for (int32_t i = 1; i < count; ++i) {
+    double speed = std::min(StepSpeed(points[i - 1], points[i]), 1000000.0);
+    int32_t bin = static_cast<int32_t>(speed);
+    if (bin < rules::kSpeedBins) ++bins[bin];
+  }
+  // The speed below which 95 % of the steps lie, in 3 m/s steps.
+  int64_t rest = static_cast<int64_t>(count) * 19 / 20;
+  int32_t bin = 0;
+  for (; bin < rules::kSpeedBins; ++bin) {
+    rest -= bins[bin];
+    if (rest < 1) break;
+  }
+  const double limit = 3.0 * bin + 1.0;
+
+  int32_t anchor = -1;
+  int32_t run = 0;
+  double speed = 0.0;
+  for (int32_t i = 1; i < count; ++i) {
+    speed = StepSpeed(points[i - 1], points[i]);
+    run = speed < limit ? run + 1 : 0;
+    if (run == rules::kSpeedAnchorRun) {
+      anchor = i;
+      break;
+    }
+  }
+  if (anchor < 0) return 0;
+
+  for (int32_t i = 0; i < count; ++i) points[i].dwFlags &= ~rules::kKeepMark;
+  points[anchor].dwFlags |= rules::kKeepMark;
+  int32_t reference = anchor;
+  // Backwards, a point later in time than the reference keeps the speed of
+  // the step before: deliberate.
+  for (int32_t i = anchor - 1; i >= 0; --i) {
+    if (points[i].dwTime <= points[reference].dwTime) speed = SpeedBackTo(points[i], points[reference]);
+    if (speed < limit) {
+      points[i].dwFlags |= rules::kKeepMark;
+      reference = i;
+    }
+  }
+  reference = anchor;
+  for (int32_t i = anchor + 1; i < count; ++i) {
+    uint32_t dt = points[i].dwTime - points[reference].dwTime;
+    speed = points[i].dwTime > points[reference].dwTime
+                ? Distance(points[i], points[reference]) / static_cast<double>(dt)
+                : 0.0;
+    if (speed < limit) {
+      points[i].dwFlags |= rules::kKeepMark;
+      reference = i;
+    }
+  }
+
+  int32_t kept = 0;
+  for (int32_t i = 0; i < count; ++i) {
+    if ((points[i].dwFlags & rules::kKeepMark) == 0) continue;
+    points[kept] = points[i];
+    points[kept].dwFlags &= ~rules::kKeepMark;
+    ++kept;
+  }
+  tGps.nTrackPoints = kept;
+  if (kept == 0) {
+    std::printf("All positions removed by speed analysis\n");
+    return -1;
+  }
+  if (kept < count) std::printf("%d positions have been removed in speed analysis\n", count - kept);
+  return 0;
+}
+
+// ---------------------------------------------------------------------------
+// Takeoff and landing trim
+
+namespace {
+
+// The trim detectors compare geodesic distances with thresholds, the location
+// detector for every pair of points in its window. The straight line through
+// the ellipsoid (the chord) is never longer than the geodesic, and for points
+// within 100 km the geodesic exceeds it by less than 2e-5 of it, so the chord
+// settles nearly every comparison. One distance value is in use through the
+// whole trim: a failed CalcDistance leaves the previous value, so a settled
+// pair is remembered and measured only when a failure needs its value.
+class TrimDistances {
+ public:
+  TrimDistances(const TrackPoint* points, int32_t count) : points_(points), count_(count) {}
+
+  // Distance from `a` to `b` greater than (orEqual: at least) `threshold`.
+  bool Exceeds(int32_t a, int32_t b, double threshold, bool orEqual) {
+    if (!xyz_) Prepare();
+    if (xyz_->ok()) {
+      const double* p = &(*xyz_)[3 * static_cast<size_t>(a)];
+      const double* q = &(*xyz_)[3 * static_cast<size_t>(b)];
+      double dx = p[0] - q[0], dy = p[1] - q[1], dz = p[2] - q[2];
+      double chord = std::sqrt(dx * dx + dy * dy + dz * dz);
+      if (chord < kReach) {
+        if (chord * (1.0 + 2e-5) + kMargin < threshold) return Settle(a, b, false);
+        if (chord * (1.0 - 1e-6) - kMargin > threshold) return Settle(a, b, true);
+      }
+    }
+    double d = 0.0;
+    if (CalcDistance(Geo(points_[a]), Geo(points_[b]), &d) == 0) {
+      value_ = d;
+      pendingA_ = -1;
+    } else if (pendingA_ >= 0) {
+      CalcDistance(Geo(points_[pendingA_]), Geo(points_[pendingB_]), &value_);
+      pendingA_ = -1;
+    }
+    return orEqual ? value_ >= threshold : value_ > threshold;
+  }
+
+ private:
+  static constexpr double kReach = 100000.0;  // m
+  static constexpr double kMargin = 0.05;     // m, covers CalcDistance's own tolerances
+
+  bool Settle(int32_t a, int32_t b, bool result) {
+    pendingA_ = a;
+    pendingB_ = b;
+    return result;
+  }
+
+  // Earth-centred positions on the ellipsoid; without memory every
+  // comparison measures.
+  void Prepare() {
+    xyz_.emplace(3 * static_cast<size_t>(count_));
+    if (!xyz_->ok()) return;
+    constexpr double kMajorAxis = 6378137.0;
+    for (int32_t i = 0; i < count_; ++i) {
+      GeoPos g = Geo(points_[i]);
+      double s = std::sin(g.latitude), c = std::cos(g.latitude);
+      double n = kMajorAxis / std::sqrt(1.0 - wgs84::kFirstEccentricitySquared * s * s);
+      (*xyz_)[3 * i] = n * c * std::cos(g.longitude);
+      (*xyz_)[3 * i + 1] = n * c * std::sin(g.longitude);
+      (*xyz_)[3 * i + 2] = n * (1.0 - wgs84::kFirstEccentricitySquared) * s;
+    }
+  }
+
+  const TrackPoint* points_;
+  int32_t count_;
+  std::optional<Table<double>> xyz_;  // made on the first comparison
+  double value_ = 0.0;     // the distance in use
+  int32_t pendingA_ = -1;  // settled pair whose value would be the one in use
+  int32_t pendingB_ = -1;
+};
+
+bool DetectorOn(int32_t first, int32_t second) { return first != 0 && second != 0; }
+
+// The earliest point from `floor` on, walking back from `index`, whose time is
+// at most `prepend` seconds before it.
+int32_t WalkBack(const TrackPoint* points, int32_t index, int32_t floor, int32_t prepend) {
+  int32_t k = index;
+  while (k > floor && points[index].dwTime - points[k - 1].dwTime <= static_cast<uint32_t>(prepend)) --k;
+  return k;
+}
+
+// The end of the first window of TRIM_LOCATION_INTERVAL seconds in which no
+// two points are farther apart than TRIM_LOCATION_DISTANCE; else 0.
+int32_t FindStartPoint(const TrackPoint* points, int32_t count, TrimDistances* distances) {
+  if (!DetectorOn(tGps.nTrimLocationInterval, tGps.nTrimLocationDistance) || count < 2) return 0;
+  const uint32_t interval = static_cast<uint32_t>(tGps.nTrimLocationInterval);
+  const double limit = tGps.nTrimLocationDistance;
+  for (int32_t s = 0; s < count - 1; ++s) {
+    int32_t end = s;
+    while (end + 1 < count && points[end + 1].dwTime - points[s].dwTime <= interval) ++end;
+    bool moved = false;
+    for (int32_t a = s; a < end && !moved; ++a) {
+      for (int32_t b = a + 1; b <= end && !moved; ++b) moved = distances->Exceeds(a, b, limit, false);
+    }
+    if (!moved) return end;
+  }
+  return 0;
+}
+
+// The first point from which TRIM_TAKEOFF_DISTANCE is covered within
+// TRIM_TAKEOFF_INTERVAL, moved back by the prepend; else the start point.
+int32_t FindSpeedTakeoff(const TrackPoint* points, int32_t count, int32_t start, TrimDistances* distances) {
+  if (!DetectorOn(tGps.nTrimTakeoffInterval, tGps.nTrimTakeoffDistance) || count - start < 2) return start;
+  const uint32_t interval = static_cast<uint32_t>(tGps.nTrimTakeoffInterval);
+  const double limit = tGps.nTrimTakeoffDistance;
+  for (int32_t i = start; i < count - 1; ++i) {
+    int32_t j = i + 1;
+    while (j < count && points[j].dwTime - points[i].dwTime < interval) ++j;
+    if (j < count && distances->Exceeds(i, j, limit, true)) {
+      PrintTrimInformation(i, "Speed takeoff detected");
+      const int32_t takeoff = WalkBack(points, i, start, tGps.nTrimTakeoffPrepend);
+      PrintTrimInformation(takeoff, "Speed takeoff");
+      return takeoff;
+    }
+  }
+  return start;
+}
+
+// The first point outside the box around the start point, moved back by the
+// prepend; else the start point.
+int32_t FindBoxTakeoff(const TrackPoint* points, int32_t count, int32_t start, TrimDistances* distances) {
+  if (!DetectorOn(tGps.nTrimTakeoffBoxRadius, tGps.nTrimTakeoffBoxHeight) || count - start < 2) return start;
+  const double radius = tGps.nTrimTakeoffBoxRadius;
+  const int64_t height = static_cast<int64_t>(tGps.nTrimTakeoffBoxHeight) * 10;  // decimetres
+  const int64_t startAltitude = points[start].lGpsAltitude;
+  for (int32_t i = start; i < count; ++i) {
+    const char* reason = nullptr;
+    if (distances->Exceeds(i, start, radius, true)) {
+      reason = "Box exit takeoff detected (distance from start point)";
+    } else if (points[i].lGpsAltitude - startAltitude >= height) {
+      reason = "Box exit takeoff detected (altitude above start point)";
+    } else if (startAltitude - points[i].lGpsAltitude >= height) {
+      reason = "Box exit takeoff detected (altitude below start point)";
+    }
+    if (reason != nullptr) {
+      PrintTrimInformation(i, reason);
+      const int32_t takeoff = WalkBack(points, i, start, tGps.nTrimTakeoffBoxPrepend);
+      PrintTrimInformation(takeoff, "Box exit takeoff");
+      return takeoff;
+    }
+  }
+  return start;
+}
+
+// The last point that still covered TRIM_LANDING_DISTANCE within
+// TRIM_LANDING_INTERVAL, moved on by the append; else the last point.
+int32_t FindLanding(const TrackPoint* points, int32_t count, int32_t takeoff, TrimDistances* distances) {
+  if (!DetectorOn(tGps.nTrimLandingInterval, tGps.nTrimLandingDistance) || count - takeoff < 2) return count - 1;
+  const uint32_t interval = static_cast<uint32_t>(tGps.nTrimLandingInterval);
+  const uint32_t append = static_cast<uint32_t>(tGps.nTrimLandingAppend);
+  const double limit = tGps.nTrimLandingDistance;
+  for (int32_t i = count - 1; i >= takeoff; --i) {
+    int32_t j = i - 1;
+    while (j >= takeoff && points[i].dwTime - points[j].dwTime < interval) --j;
+    if (j >= takeoff && distances->Exceeds(j, i, limit, true)) {
+      PrintTrimInformation(i, "Landing detected");
+      int32_t landing = i;
+      while (landing + 1 < count && points[landing + 1].dwTime - points[i].dwTime <= append) ++landing;
+      return landing;
+    }
+  }
+  return count - 1;
+}
+
+}  // namespace
+
+void PrintTrimInformation(int32_t index, const char* label) {
+  SystemTime time;
+  ConvertGpsTimeToSystemTime(tGps.pTrackPoints[index].dwTime, &time);
+  std::printf("%02d:%02d:%02d %s\n", static_cast<int>(time.wHour), static_cast<int>(time.wMinute),
+              static_cast<int>(time.wSecond), label);
+}
+
+int32_t TrimTrack() {
+  const TrackPoint* points = tGps.pTrackPoints;
+  const int32_t count = tGps.nTrackPoints;
+  if (points == nullptr || count < 1) return 0;
+  TrimDistances distances(points, count);
+
+  std::printf("\nTrack trim results:\n");
+  PrintTrimInformation(0, "First logged position");
+  const int32_t start = FindStartPoint(points, count, &distances);
+  PrintTrimInformation(start, "Start point");
+  const int32_t speedTakeoff = FindSpeedTakeoff(points, count, start, &distances);
+  const int32_t boxTakeoff = FindBoxTakeoff(points, count, start, &distances);
+  // Both detectors must fire to move the takeoff past the start point.
+  const int32_t takeoff = std::min(speedTakeoff, boxTakeoff);
+  PrintTrimInformation(takeoff, "Takeoff");
+  const int32_t landing = FindLanding(points, count, takeoff, &distances);
+  PrintTrimInformation(landing, "Landing");
+  PrintTrimInformation(count - 1, "Last logged position\n");
+
+  const int32_t kept = landing - takeoff + 1;
+  auto* trimmed = static_cast<TrackPoint*>(pAnalysisAllocate(sizeof(TrackPoint) * static_cast<size_t>(kept)));
+  if (trimmed == nullptr) {
+    std::printf("Memory allocation error\n");
+    return -1;
+  }
+  std::memcpy(trimmed, points + takeoff, sizeof(TrackPoint) * static_cast<size_t>(kept));
+  std::free(tGps.pTrackPoints);
+  tGps.pTrackPoints = trimmed;
+  tGps.nTrackPoints = kept;
+  tGps.nTrackCapacity = kept;
+  return 0;
+}
+
+// ---------------------------------------------------------------------------
+// Flight statistics
+
+namespace {
+
+// Walks back from point `index` over `window` seconds. Each step measures the
+// earlier point against the reference (the last point the walk took whole).
+// Returns the distance covered (a walk that ends early is not rescaled) and
+// the altitude at the window's start, interpolated within a partial step.
+template <typename StepDistance>
+void WalkWindow(const TrackPoint* points, int32_t index, uint32_t window, StepDistance&& stepDistance,
+                double* covered, double* earliestAltitude) {
+  double distance = 0.0;
+  double altitude = points[index].lGpsAltitude;
+  uint32_t elapsed = 0;
+  int32_t reference = index;
+  for (int32_t j = index - 1; j >= 0; --j) {
+    // Unsigned like the times: a step back in time is huge and ends the walk.
+    const uint32_t dt = points[reference].dwTime - points[j].dwTime;
+    if (dt != 0) {
+      const double d = stepDistance(j, reference);
+      if (static_cast<uint64_t>(elapsed) + dt >= window) {
+        const double fraction = static_cast<double>(window - elapsed) / dt;
+        distance += fraction * d;
+        const double from = points[reference].lGpsAltitude;
+        altitude = from + fraction * (points[j].lGpsAltitude - from);
+        break;
+      }
+      distance += d;
+      elapsed += dt;
+      reference = j;
+      altitude = points[j].lGpsAltitude;
+    }
+    if (IsSegmentStart(points[j])) break;
+  }
+  *covered = distance;
+  *earliestAltitude = altitude;
+}
+
+template <typename StepDistance>
+void TopSpeed(const TrackPoint* points, int32_t index, StepDistance&& stepDistance, double* speed) {
+  if (index == 0 || IsSegmentStart(points[index])) {
+    *speed = 0.0;
+    return;
+  }
+  double covered, altitude;
+  WalkWindow(points, index, rules::kTopSpeedWindow, stepDistance, &covered, &altitude);
+  *speed = rules::kTopSpeedFactor * covered;
+}
+
+template <typename StepDistance>
+void MeanSpeed(const TrackPoint* points, int32_t index, StepDistance&& stepDistance, double* speed, double* climb) {
+  if (index == 0 || IsSegmentStart(points[index])) {
+    *speed = 0.0;  // the climb of the previous evaluation stays
+    return;
+  }
+  double covered, altitude;
+  WalkWindow(points, index, rules::kMeanSpeedWindow, stepDistance, &covered, &altitude);
+  *speed = rules::kMeanSpeedFactor * covered;
+  *climb = (points[index].lGpsAltitude - altitude) * rules::kClimbFactor;
+}
+
+auto DirectSteps(const TrackPoint* points) {
+  return [points](int32_t j, int32_t reference) { return Distance(points[j], points[reference]); };
+}
+
+// The windowed walks measure consecutive points again and again. A step's
+// reference is the point after it, or the last of a run of equal times just
+// above it, or the window's own end inside such a run; the first two are
+// measured once per flight, the third once per walk at most.
+class StepCache {
+ public:
+  explicit StepCache(const TrackPoint* points, int32_t count)
+      : points_(points), next_(static_cast<size_t>(count)), runTop_(static_cast<size_t>(count)),
+        overRun_(static_cast<size_t>(count)) {
+    if (!ok()) return;
+    for (int32_t j = 0; j + 1 < count; ++j) {
+      next_[j] = Distance(points[j], points[j + 1]);
+      overRun_[j] = std::numeric_limits<double>::quiet_NaN();
+    }
+    runTop_[count - 1] = count - 1;
+    for (int32_t j = count - 2; j >= 0; --j) {
+      runTop_[j] = points[j + 1].dwTime == points[j].dwTime ? runTop_[j + 1] : j;
+    }
+  }
+  bool ok() const { return next_.ok() && runTop_.ok() && overRun_.ok(); }
+  double Next(int32_t j) const { return next_[j]; }
+
+  double operator()(int32_t j, int32_t reference) const {
+    if (reference == j + 1) return next_[j];
+    if (reference == runTop_[j + 1]) {
+      if (std::isnan(overRun_[j])) overRun_[j] = Distance(points_[j], points_[reference]);
+      return overRun_[j];
+    }
+    return Distance(points_[j], points_[reference]);
+  }
+
+ private:
+  const TrackPoint* points_;
+  Table<double> next_;     // j to j + 1
+  Table<int32_t> runTop_;  // last index of the run of equal times holding j
+  Table<double> overRun_;  // j to the top of the run just above it, when asked
+};
+
+int32_t RoundedMetres(int32_t decimetres) {
+  return static_cast<int32_t>((static_cast<int64_t>(decimetres) + 5) / 10);
+}
+
+template <typename StepDistance>
+void FillStatistics(FlightAnalysis* record, StepDistance&& stepDistance, const StepCache* cache) {
+  const TrackPoint* points = record->pPoints;
+  const int32_t count = record->nPoints;
+  record->dwStartTime = points[0].dwTime;
+  record->dwEndTime = points[count - 1].dwTime;
+  record->dwDuration = record->dwEndTime - record->dwStartTime;
+
+  int32_t lowest = 1000000, highest = -1000000;
+  for (int32_t i = 0; i < count; ++i) {
+    lowest = std::min(lowest, points[i].lGpsAltitude);
+    highest = std::max(highest, points[i].lGpsAltitude);
+  }
+  record->nLowestAltitude = RoundedMetres(lowest);
+  record->nHighestAltitude = RoundedMetres(highest);
+
+  double length = 0.0, top = 0.0, mean = 0.0, sink = 0.0, climb = 0.0;
+  double speed = 0.0, rate = 0.0;
+  const uint32_t topFrom = points[0].dwTime + rules::kTopSpeedWindow;
+  const uint32_t meanFrom = points[0].dwTime + rules::kMeanSpeedWindow;
+  for (int32_t i = 1; i < count; ++i) {
+    length += cache != nullptr ? cache->Next(i - 1) : Distance(points[i - 1], points[i]);
+    if (points[i - 1].dwTime > topFrom) {
+      TopSpeed(points, i, stepDistance, &speed);
+      top = std::max(top, speed);
+    }
+    if (points[i - 1].dwTime > meanFrom) {
+      MeanSpeed(points, i, stepDistance, &speed, &rate);
+      if (speed > mean) mean = speed;
+      if (rate < sink) sink = rate;
+      if (rate > climb) climb = rate;
+    }
+  }
+  record->dTrackLength = length;
+  record->dTopSpeed = top;
+  record->dMeanSpeed = mean;
+  record->dWorstSink = sink;
+  record->dBestClimb = climb;
+  record->dAverageSpeed = 3.6 * length / record->dwDuration;
+}
+
+}  // namespace
+
+void CalculateTopSpeed(const TrackPoint* points, int32_t index, double* speed) {
+  TopSpeed(points, index, DirectSteps(points), speed);
+}
+
+void CalculateMeanSpeed(const TrackPoint* points, int32_t index, double* speed, double* climb) {
+  MeanSpeed(points, index, DirectSteps(points), speed, climb);
+}
+
+// ---------------------------------------------------------------------------
+// Triangle search on sampled points
+
+size_t ClosingTableSize(int32_t count) {
+  const size_t n = static_cast<size_t>(count);
+  return n * (n + 1) / 2;
+}
+
+size_t ClosingRowStart(int32_t count, int32_t row) {
+  const size_t n = static_cast<size_t>(count), a = static_cast<size_t>(row);
+  return a * (2 * n + 1 - a) / 2;
+}
+
+void FillClosingTables(const uint32_t* distance, int32_t count, uint32_t* gap, uint32_t* pair) {
+  if (count < 2) return;
+  const size_t n = static_cast<size_t>(count);
+  const int32_t last = count - 1;
+  for (int32_t a = 0; a < count - 1; ++a) {
+    const uint32_t* row = distance + static_cast<size_t>(a) * n;
+    const size_t here = ClosingRowStart(count, a) - static_cast<size_t>(a);
+    const size_t above = a > 0 ? ClosingRowStart(count, a - 1) - static_cast<size_t>(a - 1) : 0;
+    uint32_t own = row[last];
+    uint32_t ownPair = static_cast<uint32_t>(a) * 65536u + static_cast<uint32_t>(last);
+    for (int32_t c = last; c > a; --c) {
+      if (row[c] < own) {
+        own = row[c];
+        ownPair = static_cast<uint32_t>(a) * 65536u + static_cast<uint32_t>(c);
+      }
+      // The row above holds every pair that starts earlier; on a tie the
+      // row's own pair stays.
+      if (a > 0 && gap[above + c] < own) {
+        gap[here + c] = gap[above + c];
+        pair[here + c] = pair[above + c];
+      } else {
+        gap[here + c] = own;
+        pair[here + c] = ownPair;
+      }
+    }
+  }
+}
+
+namespace {
+
+// The search keeps the last triangle, in the order first corner, third
+// corner, second corner, among those with the greatest score. It finds that
+// score by branch and bound and then the last triangle reaching it by a
+// search backwards, so that pruning can never change which one wins.
+//
+// Bounds come from blocks of consecutive points (16, and 128 above them): for
+// each point the greatest and smallest distance into each block, and for
+// each pair of small blocks the same over all points of the first. For
+// corners a and c the two legs through any b of a block are at most the sum
+// of the two greatest distances. A FAI triangle needs more: every side at
+// least 28 % of the perimeter, so the perimeter is at most about 3.6 times
+// each side, and no side longer than 44 % of it, which the smallest distances
+// test; thin, nearly straight triangles are ruled out a block at a time.
+class TriangleSearch {
+ public:
+  static constexpr int32_t kBlock = 16;
+  static constexpr int32_t kWide = 8;  // small blocks in a large one
+
+  TriangleSearch(const uint32_t* distance, int32_t count, const uint32_t* gap)
+      : d_(distance), n_(count), gap_(gap), blocks_((count + kBlock - 1) / kBlock),
+        wideBlocks_((blocks_ + kWide - 1) / kWide), near_(Size(count, blocks_)), wide_(Size(count, wideBlocks_)),
+        blockPairs_(Size(blocks_, blocks_)), order_(Size(blocks_, blocks_)) {}
+
+  bool ok() const { return near_.ok() && wide_.ok() && blockPairs_.ok() && order_.ok(); }
+
+  void Prepare();
+  // Greatest score of a flat (fai = false) or FAI triangle, or -1 for none at 0 or above.
+  int64_t BestScore(bool fai);
+  // The last triangle reaching `score`: a, b, c.
+  void FindLast(bool fai, int64_t score, int32_t* corners) const;
+
+ private:
+  static constexpr int64_t kNone = std::numeric_limits<int64_t>::min() / 4;
+
+  struct Span {
+    uint32_t least;
+    uint32_t most;
+  };
+  // A pair of small blocks A <= C: what the points of A reach into C (the
+  // second corner's block) and what the valid corner pairs a in A, c in C
+  // hold; then the bounds of any score with corners there.
+  struct BlockPair {
+    Span into;
+    int64_t baseMax;  // side a-c minus closing gap
+    int64_t capMax;   // FaiCap(side) minus closing gap
+    Span side;
+    uint32_t gapMin;
+    int64_t flatBound;
+    int64_t faiBound;
+  };
+  // A pair of corners as the inner loops see it.
+  struct Corners {
+    int32_t a, c;
+    const uint32_t* ra;
+    const uint32_t* rc;
+    uint32_t ac, gap;
+    int64_t base;
+  };
+
+  static size_t Size(int32_t rows, int32_t columns) { return static_cast<size_t>(rows) * static_cast<size_t>(columns); }
+  uint32_t Gap(int32_t a, int32_t c) const { return gap_[ClosingRowStart(n_, a) + static_cast<size_t>(c - a)]; }
+  const uint32_t* Row(int32_t a) const { return d_ + Size(a, n_); }
+  const Span& Near(int32_t x, int32_t k) const { return near_[Size(x, blocks_) + static_cast<size_t>(k)]; }
+  const Span& Wide(int32_t x, int32_t k) const { return wide_[Size(x, wideBlocks_) + static_cast<size_t>(k)]; }
+  BlockPair& Pair(int32_t A, int32_t C) const { return blockPairs_[Size(A, blocks_) + static_cast<size_t>(C)]; }
+  int64_t Bound(bool fai, int32_t A, int32_t C) const { return fai ? Pair(A, C).faiBound : Pair(A, C).flatBound; }
+
+  // The greatest perimeter for which `side` still makes the FAI share.
+  static int64_t FaiCap(int64_t side) {
+    return (side * rules::kFaiSideDenominator + rules::kFaiSideDenominator - 1) / rules::kFaiSideNumerator;
+  }
+  static bool FaiSides(uint32_t ac, uint32_t ab, uint32_t bc) {
+    const int64_t perimeter = static_cast<int64_t>(ac) + ab + bc;
+    const int64_t least = perimeter * rules::kFaiSideNumerator / rules::kFaiSideDenominator;
+    return ac >= least && ab >= least && bc >= least;
+  }
+  // The greatest perimeter a FAI triangle can have with its sides in these
+  // ranges, or -1 when such sides cannot make one: the shortest side caps the
+  // perimeter, and with the other two at 28 % or more no side can be longer
+  // than (11 x perimeter + 48) / 25.
+  static int64_t FaiMost(Span ac, Span ab, Span bc) {
+    const int64_t most = std::min(static_cast<int64_t>(ac.most) + ab.most + bc.most,
+                                  FaiCap(std::min({ac.most, ab.most, bc.most})));
+    constexpr int64_t kDen = rules::kFaiSideDenominator, kNum = rules::kFaiSideNumerator;
+    const int64_t longest = std::max({ac.least, ab.least, bc.least});
+    return kDen * longest <= (kDen - 2 * kNum) * most + 2 * (kDen - 1) ? most : -1;
+  }
+
+  // Whether a second corner with these distance ranges can reach `need`.
+  static bool Open(bool fai, const Corners& p, Span ab, Span bc, int64_t need) {
+    if (p.base + ab.most + bc.most < need) return false;
+    return !fai || FaiMost({p.ac, p.ac}, ab, bc) >= need + p.gap;
+  }
+  bool MakeCorners(bool fai, int32_t a, int32_t c, int64_t need, Corners* p) const;
+  // Pass over the second corners of a pair: raises `need` past every score
+  // found (forward), or stops at the first score equal to it (backward).
+  template <bool kForward>
+  int32_t Scan(bool fai, const Corners& p, int64_t* need) const;
+
+  const uint32_t* d_;
+  int32_t n_;
+  const uint32_t* gap_;
+  int32_t blocks_, wideBlocks_;
+  Table<Span> near_;  // point x small block
+  Table<Span> wide_;  // point x large block
+  Table<BlockPair> blockPairs_;
+  Table<int32_t> order_;
+};
+
+void TriangleSearch::Prepare() {
+  constexpr Span kEmpty = {std::numeric_limits<uint32_t>::max(), 0};
+  auto widen = [](Span* s, Span t) {
+    s->least = std::min(s->least, t.least);
+    s->most = std::max(s->most, t.most);
+  };
+  for (int32_t x = 0; x < n_; ++x) {
+    const uint32_t* row = Row(x);
+    for (int32_t K = 0; K < wideBlocks_; ++K) wide_[Size(x, wideBlocks_) + static_cast<size_t>(K)] = kEmpty;
+    for (int32_t k = 0; k < blocks_; ++k) {
+      Span s = kEmpty;
+      for (int32_t b = k * kBlock; b < std::min(n_, (k + 1) * kBlock); ++b) widen(&s, {row[b], row[b]});
+      near_[Size(x, blocks_) + static_cast<size_t>(k)] = s;
+      widen(&wide_[Size(x, wideBlocks_) + static_cast<size_t>(k / kWide)], s);
+    }
+  }
+  for (int32_t A = 0; A < blocks_; ++A) {
+    for (int32_t C = 0; C < blocks_; ++C) {
+      BlockPair& pair = Pair(A, C);
+      pair = {kEmpty, kNone, kNone, kEmpty, std::numeric_limits<uint32_t>::max(), kNone, kNone};
+      for (int32_t x = A * kBlock; x < std::min(n_, (A + 1) * kBlock); ++x) widen(&pair.into, Near(x, C));
+    }
+  }
+  for (int32_t a = 0; a + 2 < n_; ++a) {
+    const uint32_t* row = Row(a);
+    const uint32_t* gaps = gap_ + ClosingRowStart(n_, a) - static_cast<size_t>(a);
+    for (int32_t c = a + 2; c < n_; ++c) {
+      const uint32_t g = gaps[c];
+      if (g >= rules::kClosingGap) continue;
+      BlockPair& pair = Pair(a / kBlock, c / kBlock);
+      pair.baseMax = std::max(pair.baseMax, static_cast<int64_t>(row[c]) - g);
+      pair.capMax = std::max(pair.capMax, FaiCap(row[c]) - g);
+      widen(&pair.side, {row[c], row[c]});
+      pair.gapMin = std::min(pair.gapMin, g);
+    }
+  }
+  for (int32_t A = 0; A < blocks_; ++A) {
+    for (int32_t C = A; C < blocks_; ++C) {
+      BlockPair& pair = Pair(A, C);
+      if (pair.baseMax == kNone) continue;
+      for (int32_t k = A; k <= C; ++k) {
+        const Span ab = Pair(A, k).into, bc = Pair(C, k).into;
+        const int64_t flat = pair.baseMax + ab.most + bc.most;
+        pair.flatBound = std::max(pair.flatBound, flat);
+        const int64_t most = FaiMost(pair.side, ab, bc);
+        if (most >= 0) pair.faiBound = std::max(pair.faiBound, std::min({flat, pair.capMax, most - pair.gapMin}));
+      }
+    }
+  }
+}
+
+bool TriangleSearch::MakeCorners(bool fai, int32_t a, int32_t c, int64_t need, Corners* p) const {
+  p->gap = Gap(a, c);
+  if (p->gap >= rules::kClosingGap) return false;
+  p->a = a;
+  p->c = c;
+  p->ra = Row(a);
+  p->rc = Row(c);
+  p->ac = p->ra[c];
+  p->base = static_cast<int64_t>(p->ac) - p->gap;
+  return !fai || FaiCap(p->ac) >= need + p->gap;
+}
+
+template <bool kForward>
+int32_t TriangleSearch::Scan(bool fai, const Corners& p, int64_t* need) const {
+  const int32_t first = p.a + 1, last = p.c - 1;
+  const int32_t wideFirst = first / (kBlock * kWide), wideLast = last / (kBlock * kWide);
+  for (int32_t w = 0; w <= wideLast - wideFirst; ++w) {
+    const int32_t K = kForward ? wideFirst + w : wideLast - w;
+    if (!Open(fai, p, Wide(p.a, K), Wide(p.c, K), *need)) continue;
+    const int32_t blockFirst = std::max(first / kBlock, K * kWide);
+    const int32_t blockLast = std::min(last / kBlock, K * kWide + kWide - 1);
+    for (int32_t i = 0; i <= blockLast - blockFirst; ++i) {
+      const int32_t k = kForward ? blockFirst + i : blockLast - i;
+      if (!Open(fai, p, Near(p.a, k), Near(p.c, k), *need)) continue;
+      const int32_t from = std::max(first, k * kBlock), to = std::min(last, k * kBlock + kBlock - 1);
+      for (int32_t j = 0; j <= to - from; ++j) {
+        const int32_t b = kForward ? from + j : to - j;
+        const int64_t score = p.base + p.ra[b] + p.rc[b];
+        if (score < *need || (fai && !FaiSides(p.ac, p.ra[b], p.rc[b]))) continue;
+        if (!kForward) return b;
+        *need = score + 1;
+      }
+    }
+  }
+  return -1;
+}
+
+int64_t TriangleSearch::BestScore(bool fai) {
+  int32_t candidates = 0;
+  for (int32_t A = 0; A < blocks_; ++A) {
+    for (int32_t C = A; C < blocks_; ++C) {
+      if (Bound(fai, A, C) >= 0) order_[static_cast<size_t>(candidates++)] = static_cast<int32_t>(Size(A, blocks_)) + C;
+    }
+  }
+  // Most promising block pairs first, so that the bound soon prunes the rest.
+  auto bound = [this, fai](int32_t slot) { return Bound(fai, slot / blocks_, slot % blocks_); };
+  std::sort(order_.get(), order_.get() + candidates, [&bound](int32_t x, int32_t y) { return bound(x) > bound(y); });
+  int64_t need = rules::kTriangleStart + 1;  // scores below 0 are never kept
+  for (int32_t i = 0; i < candidates; ++i) {
+    const int32_t slot = order_[static_cast<size_t>(i)];
+    if (bound(slot) < need) break;
+    const int32_t A = slot / blocks_, C = slot % blocks_;
+    for (int32_t a = A * kBlock; a < std::min(n_, (A + 1) * kBlock); ++a) {
+      for (int32_t c = std::max(C * kBlock, a + 2); c < std::min(n_, (C + 1) * kBlock); ++c) {
+        Corners p;
+        if (MakeCorners(fai, a, c, need, &p)) Scan<true>(fai, p, &need);
+      }
+    }
+  }
+  return need - 1;
+}
+
+void TriangleSearch::FindLast(bool fai, int64_t score, int32_t* corners) const {
+  for (int32_t a = n_ - 3; a >= 0; --a) {
+    const int32_t A = a / kBlock;
+    for (int32_t C = (n_ - 1) / kBlock; C >= A; --C) {
+      if (Bound(fai, A, C) < score) continue;
+      for (int32_t c = std::min(n_ - 1, C * kBlock + kBlock - 1); c >= std::max(C * kBlock, a + 2); --c) {
+        Corners p;
+        int64_t need = score;
+        if (!MakeCorners(fai, a, c, need, &p)) continue;
+        const int32_t b = Scan<false>(fai, p, &need);
+        if (b >= 0) {
+          corners[0] = a;
+          corners[1] = b;
+          corners[2] = c;
+          return;
+        }
+      }
+    }
+  }
+}
+
+}  // namespace
+
+int32_t FindSampledTriangles(const uint32_t* distance, int32_t count, const uint32_t* gap, const uint32_t* pair,
+                             SampledTriangles* result) {
+  *result = SampledTriangles{};
+  result->lFlatScore = rules::kTriangleStart;
+  result->lFaiScore = rules::kTriangleStart;
+  if (count < 3) return 0;
+  TriangleSearch search(distance, count, gap);
+  if (!search.ok()) return -1;
+  search.Prepare();
+  for (bool fai : {false, true}) {
+    const int64_t best = search.BestScore(fai);
+    (fai ? result->lFaiScore : result->lFlatScore) = best;
+    if (best < 0) continue;
+    int32_t corners[3] = {};
+    search.FindLast(fai, best, corners);
+    const uint32_t closing = pair[ClosingRowStart(count, corners[0]) + static_cast<size_t>(corners[2] - corners[0])];
+    int32_t* out = fai ? result->anFai : result->anFlat;
+    out[0] = static_cast<int32_t>(closing >> 16);
+    out[1] = corners[0];
+    out[2] = corners[1];
+    out[3] = corners[2];
+    out[4] = static_cast<int32_t>(closing & 0xFFFFu);
+  }
+  return 0;
+}
+
+// ---------------------------------------------------------------------------
+// Refinement on the full track
+
+namespace {
+
+// Geodesic distances between candidate positions, each measured once: point
+// m1 of the set at index i1 to point m2 at index i2, both within reach of
+// where the search put them.
+class LegMemo {
+ public:
+  LegMemo(const TrackPoint* points, const int32_t* origin, int32_t size) : points_(points) {
+    for (int32_t m = 0; m < size; ++m) origin_[m] = origin[m];
+  }
+  double operator()(int32_t m1, int32_t i1, int32_t m2, int32_t i2) {
+    const int32_t slot = ((m1 * kMaxSet + m2) * kSpan + (i1 - origin_[m1] + rules::kRefineReach)) * kSpan +
+                         (i2 - origin_[m2] + rules::kRefineReach);
+    if (!known_[slot]) {
+      value_[slot] = Distance(points_[i1], points_[i2]);
+      known_[slot] = true;
+    }
+    return value_[slot];
+  }
+
+ private:
+  static constexpr int32_t kMaxSet = 5;  // points in the largest set
+  static constexpr int32_t kSpan = 2 * rules::kRefineReach + 1;
+  static constexpr int32_t kSlots = kMaxSet * kMaxSet * kSpan * kSpan;
+
+  const TrackPoint* points_;
+  int32_t origin_[kMaxSet] = {};
+  double value_[kSlots];
+  bool known_[kSlots] = {};
+};
+
+// Tries every point of the set at its index and the two on either side,
+// nested from the first point to the last, indices strictly increasing and
+// leaving room for the later points. The greatest score of a qualifying
+// combination wins, ties to the combination tried last; without one the
+// indices stay.
+template <int32_t kSize, typename Score>
+void Refine(const FlightAnalysis* record, int32_t* const* index, Score&& score) {
+  const int32_t count = record->nPoints;
+  int32_t origin[kSize], chosen[kSize], best[kSize];
+  for (int32_t m = 0; m < kSize; ++m) origin[m] = *index[m];
+  LegMemo legs(record->pPoints, origin, kSize);
+  bool found = false;
+  double bestScore = 0.0;
+  auto visit = [&](auto& self, int32_t m) -> void {
+    for (int32_t offset = -rules::kRefineReach; offset <= rules::kRefineReach; ++offset) {
+      const int32_t i = origin[m] + offset;
+      if (i < 0 || i > count - kSize + m || (m > 0 && i <= chosen[m - 1])) continue;
+      chosen[m] = i;
+      if (m + 1 < kSize) {
+        self(self, m + 1);
+        continue;
+      }
+      double value;
+      if (score(legs, chosen, &value) && (!found || value >= bestScore)) {
+        found = true;
+        bestScore = value;
+        std::copy(chosen, chosen + kSize, best);
+      }
+    }
+  };
+  visit(visit, 0);
+  if (!found) return;
+  for (int32_t m = 0; m < kSize; ++m) *index[m] = best[m];
+}
+
+template <int32_t kSize>
+void RefineLegs(const FlightAnalysis* record, int32_t* const* index) {
+  Refine<kSize>(record, index, [](LegMemo& legs, const int32_t* at, double* value) {
+    double sum = legs(0, at[0], 1, at[1]);
+    for (int32_t m = 1; m + 1 < kSize; ++m) sum += legs(m, at[m], m + 1, at[m + 1]);
+    *value = sum;
+    return true;
+  });
+}
+
+void RefineTriangle(const FlightAnalysis* record, int32_t* const* index, bool fai) {
+  Refine<5>(record, index, [fai](LegMemo& legs, const int32_t* at, double* value) {
+    const double closing = legs(0, at[0], 4, at[4]);
+    if (!(closing < rules::kClosingGapGeodesic)) return false;
+    const double first = legs(1, at[1], 2, at[2]);
+    const double second = legs(2, at[2], 3, at[3]);
+    const double third = legs(3, at[3], 1, at[1]);
+    const double perimeter = first + second + third;
+    if (fai) {
+      const double least = rules::kFaiSideShare * perimeter;
+      if (first < least || second < least || third < least) return false;
+    }
+    *value = perimeter - closing;
+    return true;
+  });
+}
+
+}  // namespace
+
+void CheckTp0Distance(const FlightAnalysis* record, int32_t* start, int32_t* end) {
+  int32_t* index[] = {start, end};
+  RefineLegs<2>(record, index);
+}
+
+void CheckTp1Distance(const FlightAnalysis* record, int32_t* start, int32_t* tp, int32_t* end) {
+  int32_t* index[] = {start, tp, end};
+  RefineLegs<3>(record, index);
+}
+
+void CheckTp2Distance(const FlightAnalysis* record, int32_t* start, int32_t* tp1, int32_t* tp2, int32_t* end) {
+  int32_t* index[] = {start, tp1, tp2, end};
+  RefineLegs<4>(record, index);
+}
+
+void CheckTp3Distance(const FlightAnalysis* record, int32_t* start, int32_t* tp1, int32_t* tp2, int32_t* tp3,
+                      int32_t* end) {
+  int32_t* index[] = {start, tp1, tp2, tp3, end};
+  RefineLegs<5>(record, index);
+}
+
+void CheckOutAndReturn(const FlightAnalysis* record, int32_t* start, int32_t* tp, int32_t* end) {
+  int32_t* index[] = {start, tp, end};
+  Refine<3>(record, index, [](LegMemo& legs, const int32_t* at, double* value) {
+    const double closing = legs(0, at[0], 2, at[2]);
+    if (closing > rules::kClosingGapGeodesic) return false;  // 800.0 itself counts here
+    *value = 2.0 * legs(0, at[0], 1, at[1]) - closing;
+    return true;
+  });
+}
+
+void CheckFlatTriangle(const FlightAnalysis* record, int32_t* start, int32_t* tp1, int32_t* tp2, int32_t* tp3,
+                       int32_t* end) {
+  int32_t* index[] = {start, tp1, tp2, tp3, end};
+  RefineTriangle(record, index, false);
+}
+
+void CheckFaiTriangle(const FlightAnalysis* record, int32_t* start, int32_t* tp1, int32_t* tp2, int32_t* tp3,
+                      int32_t* end) {
+  int32_t* index[] = {start, tp1, tp2, tp3, end};
+  RefineTriangle(record, index, true);
+}
+
+// ---------------------------------------------------------------------------
+// The analysis
+
+namespace {
+
+constexpr uint32_t kFarAway = 0xFFFFFFFFu;  // planar distance beyond 32 bits
+
+void ClearResults(FlightAnalysis* record) {
+  const int32_t sizes[] = {5, 4, 3, 2, 3, 5, 5};
+  DistanceResult* results[] = {&record->tFivePoint,    &record->tFourPoint,    &record->tThreePoint,
+                               &record->tOpenDistance, &record->tOutAndReturn, &record->tFlatTriangle,
+                               &record->tFaiTriangle};
+  for (int32_t k = 0; k < 7; ++k) {
+    *results[k] = DistanceResult{};
+    results[k]->nPoints = sizes[k];
+  }
+}
+
+// Indices, legs from each point to the next and their sum.
+void StoreLegs(const FlightAnalysis* record, const int32_t* index, DistanceResult* out) {
+  const TrackPoint* points = record->pPoints;
+  double sum = 0.0;
+  for (int32_t m = 0; m < out->nPoints; ++m) out->anIndex[m] = index[m];
+  for (int32_t m = 0; m + 1 < out->nPoints; ++m) {
+    out->adDistance[m] = Distance(points[index[m]], points[index[m + 1]]);
+    sum += out->adDistance[m];
+  }
+  out->dSum = sum;
+}
+
+void StoreOutAndReturn(const FlightAnalysis* record, const int32_t* index, DistanceResult* out) {
+  const TrackPoint* points = record->pPoints;
+  for (int32_t m = 0; m < 3; ++m) out->anIndex[m] = index[m];
+  out->adDistance[0] = Distance(points[index[0]], points[index[1]]);
+  out->adDistance[1] = Distance(points[index[0]], points[index[2]]);
+  out->dSum = 2.0 * out->adDistance[0] - out->adDistance[1];
+}
+
+void StoreTriangle(const FlightAnalysis* record, const int32_t* index, DistanceResult* out) {
+  const TrackPoint* points = record->pPoints;
+  for (int32_t m = 0; m < 5; ++m) out->anIndex[m] = index[m];
+  out->adDistance[0] = Distance(points[index[1]], points[index[2]]);
+  out->adDistance[1] = Distance(points[index[2]], points[index[3]]);
+  out->adDistance[2] = Distance(points[index[3]], points[index[1]]);
+  out->adDistance[3] = Distance(points[index[0]], points[index[4]]);
+  out->dSum = out->adDistance[0] + out->adDistance[1] + out->adDistance[2] - out->adDistance[3];
+}
+
+// The sampled points: every point up to the limit, else exactly the limit's
+// number spread evenly, the first point always among them.
+int32_t SamplePoints(int32_t count, int32_t* sample) {
+  if (count <= rules::kSampleLimit) {
+    for (int32_t i = 0; i < count; ++i) sample[i] = i;
+    return count;
+  }
+  int64_t accumulator = count;
+  int32_t taken = 0;
+  for (int32_t i = 0; i < count && taken < rules::kSampleLimit; ++i) {
+    accumulator += rules::kSampleLimit - 1;
+    if (accumulator >= count) {
+      accumulator -= count;
+      sample[taken++] = i;
+    }
+  }
+  return taken;
+}
+
+// The greatest distance from each point to a later one and from an earlier
+// one, with the partner (the first found on ties; at first the neighbour).
+struct Partners {
+  explicit Partners(int32_t n) : toDistance(n), toPoint(n), fromDistance(n), fromPoint(n) {}
+  bool ok() const { return toDistance.ok() && toPoint.ok() && fromDistance.ok() && fromPoint.ok(); }
+  Table<uint32_t> toDistance;
+  Table<int32_t> toPoint;
+  Table<uint32_t> fromDistance;
+  Table<int32_t> fromPoint;
+};
+
+void FillDistanceTable(const double* east, const double* north, int32_t n, uint32_t* distance, Partners* partners) {
+  for (int32_t a = 0; a < n; ++a) {
+    uint32_t* row = distance + static_cast<size_t>(a) * static_cast<size_t>(n);
+    // (x - y) squared equals (y - x) squared, so each half of the table
+    // holds exactly what the other would.
+    for (int32_t b = 0; b < n; ++b) {
+      const double dx = east[a] - east[b], dy = north[a] - north[b];
+      const double metres = std::sqrt(dx * dx + dy * dy) + 0.5;
+      row[b] = metres < 4294967296.0 ? static_cast<uint32_t>(metres) : kFarAway;
+    }
+    uint32_t to = 0, from = 0;
+    int32_t toPoint = a + 1, fromPoint = a - 1;
+    for (int32_t b = a + 1; b < n; ++b) {
+      if (row[b] > to) {
+        to = row[b];
+        toPoint = b;
+      }
+    }
+    for (int32_t b = 0; b < a; ++b) {
+      if (row[b] > from) {
+        from = row[b];
+        fromPoint = b;
+      }
+    }
+    partners->toDistance[a] = to;
+    partners->toPoint[a] = toPoint;
+    partners->fromDistance[a] = from;
+    partners->fromPoint[a] = fromPoint;
+  }
+}
+
+// Open distance, 3, 4 and 5 points on the sampled points, ties to the last
+// candidate examined. Writes sampled indices.
+void FindSampledDistances(const uint32_t* distance, int32_t n, const Partners& p, int32_t* open, int32_t* three,
+                          int32_t* four, int32_t* five) {
+  const size_t width = static_cast<size_t>(n);
+  auto d = [distance, width](int32_t a, int32_t b) {
+    return static_cast<int64_t>(distance[static_cast<size_t>(a) * width + static_cast<size_t>(b)]);
+  };
+  int64_t best = -1;
+  for (int32_t a = 0; a + 1 < n; ++a) {
+    if (p.toDistance[a] >= best) {
+      best = p.toDistance[a];
+      open[0] = a;
+      open[1] = p.toPoint[a];
+    }
+  }
+  best = -1;
+  for (int32_t t = 1; t + 1 < n; ++t) {
+    const int64_t sum = static_cast<int64_t>(p.fromDistance[t]) + p.toDistance[t];
+    if (sum >= best) {
+      best = sum;
+      three[0] = p.fromPoint[t];
+      three[1] = t;
+      three[2] = p.toPoint[t];
+    }
+  }
+  best = -1;
+  for (int32_t t1 = 1; t1 + 2 < n; ++t1) {
+    const int64_t into = p.fromDistance[t1];
+    const uint32_t* row = distance + static_cast<size_t>(t1) * width;
+    int64_t rowBest = -1;
+    int32_t rowPoint = -1;
+    for (int32_t t2 = t1 + 1; t2 + 1 < n; ++t2) {
+      const int64_t rest = static_cast<int64_t>(row[t2]) + p.toDistance[t2];
+      if (rest >= rowBest) {
+        rowBest = rest;
+        rowPoint = t2;
+      }
+    }
+    if (rowPoint >= 0 && into + rowBest >= best) {
+      best = into + rowBest;
+      four[0] = p.fromPoint[t1];
+      four[1] = t1;
+      four[2] = rowPoint;
+      four[3] = p.toPoint[rowPoint];
+    }
+  }
+  best = -1;
+  for (int32_t t2 = 2; t2 + 2 < n; ++t2) {
+    int64_t before = -1, after = -1;
+    int32_t t1 = -1, t3 = -1;
+    for (int32_t t = 1; t < t2; ++t) {
+      const int64_t v = p.fromDistance[t] + d(t2, t);
+      if (v >= before) {
+        before = v;
+        t1 = t;
+      }
+    }
+    for (int32_t t = t2 + 1; t + 1 < n; ++t) {
+      const int64_t v = d(t2, t) + p.toDistance[t];
+      if (v >= after) {
+        after = v;
+        t3 = t;
+      }
+    }
+    if (before + after >= best) {
+      best = before + after;
+      five[0] = p.fromPoint[t1];
+      five[1] = t1;
+      five[2] = t2;
+      five[3] = t3;
+      five[4] = p.toPoint[t3];
+    }
+  }
+}
+
+// Greatest 2 d(a, b) - d(a, c) over a < b < c with d(a, c) below the gap; for
+// each pair the best b is the last greatest d(a, b) so far along the row.
+bool FindSampledOutAndReturn(const uint32_t* distance, int32_t n, int32_t* corners) {
+  int64_t best = rules::kOutAndReturnStart;
+  for (int32_t a = 0; a + 2 < n; ++a) {
+    const uint32_t* row = distance + static_cast<size_t>(a) * static_cast<size_t>(n);
+    int64_t out = -1;
+    int32_t turn = -1;
+    for (int32_t c = a + 2; c < n; ++c) {
+      if (row[c - 1] >= out) {
+        out = row[c - 1];
+        turn = c - 1;
+      }
+      if (row[c] >= rules::kClosingGap) continue;
+      const int64_t score = 2 * out - row[c];
+      if (score >= best) {
+        best = score;
+        corners[0] = a;
+        corners[1] = turn;
+        corners[2] = c;
+      }
+    }
+  }
+  return best >= 0;
+}
+
+}  // namespace
+
+int32_t AnalyzeTrack(FlightAnalysis* record) {
+  std::printf("Computing statistics\n");
+  ClearResults(record);
+  const TrackPoint* points = record->pPoints;
+  const int32_t count = record->nPoints;
+  if (points == nullptr || count < 1) return 0;
+  {
+    StepCache cache(points, count);
+    if (cache.ok()) {
+      FillStatistics(record, cache, &cache);
+    } else {
+      FillStatistics(record, DirectSteps(points), nullptr);
+    }
+  }
+  if (count < 2) return 0;
+
+  int32_t westArc = points[0].lLongitude, eastArc = points[0].lLongitude;
+  for (int32_t i = 1; i < count; ++i) {
+    westArc = std::min(westArc, points[i].lLongitude);
+    eastArc = std::max(eastArc, points[i].lLongitude);
+  }
+  double lat, westRadians, eastRadians;
+  ConvertArcToGeoPos(0, westArc, &lat, &westRadians);
+  ConvertArcToGeoPos(0, eastArc, &lat, &eastRadians);
+  const double centralMeridian = (westRadians + eastRadians) / 2.0;
+
+  const int32_t limit = std::min(count, rules::kSampleLimit);
+  Table<int32_t> sample(static_cast<size_t>(limit));
+  Table<double> east(static_cast<size_t>(limit)), north(static_cast<size_t>(limit));
+  Table<uint32_t> distance(static_cast<size_t>(limit) * static_cast<size_t>(limit));
+  Table<uint32_t> gap(ClosingTableSize(limit));
+  Table<uint32_t> pair(ClosingTableSize(limit));
+  Partners partners(limit);
+  if (!sample.ok() || !east.ok() || !north.ok() || !distance.ok() || !gap.ok() || !pair.ok() || !partners.ok()) {
+    std::printf("Memory allocation error\n");
+    return -1;
+  }
+  const int32_t n = SamplePoints(count, sample.get());
+  for (int32_t k = 0; k < n; ++k) {
+    const MapPos map = ConvertGeoToMapPos(Geo(points[sample[k]]), centralMeridian);
+    east[k] = map.x;
+    north[k] = map.y;
+  }
+  FillDistanceTable(east.get(), north.get(), n, distance.get(), &partners);
+
+  int32_t open[2] = {}, three[3] = {}, four[4] = {}, five[5] = {};
+  FindSampledDistances(distance.get(), n, partners, open, three, four, five);
+  auto toFull = [&sample](int32_t* index, int32_t size) {
+    for (int32_t m = 0; m < size; ++m) index[m] = sample[index[m]];
+  };
+  toFull(open, 2);
+  toFull(three, 3);
+  toFull(four, 4);
+  toFull(five, 5);
+  CheckTp0Distance(record, &open[0], &open[1]);
+  CheckTp1Distance(record, &three[0], &three[1], &three[2]);
+  CheckTp2Distance(record, &four[0], &four[1], &four[2], &four[3]);
+  CheckTp3Distance(record, &five[0], &five[1], &five[2], &five[3], &five[4]);
+  StoreLegs(record, open, &record->tOpenDistance);
+  StoreLegs(record, three, &record->tThreePoint);
+  StoreLegs(record, four, &record->tFourPoint);
+  StoreLegs(record, five, &record->tFivePoint);
+
+  std::printf("Finding greatest out-and-return (gap = %um)\n", rules::kClosingGap);
+  int32_t outAndReturn[3];
+  if (FindSampledOutAndReturn(distance.get(), n, outAndReturn)) {
+    toFull(outAndReturn, 3);
+    CheckOutAndReturn(record, &outAndReturn[0], &outAndReturn[1], &outAndReturn[2]);
+    StoreOutAndReturn(record, outAndReturn, &record->tOutAndReturn);
+  }
+
+  std::printf("Finding greatest triangles (gap = %um)\n", rules::kClosingGap);
+  FillClosingTables(distance.get(), n, gap.get(), pair.get());
+  SampledTriangles triangles;
+  if (FindSampledTriangles(distance.get(), n, gap.get(), pair.get(), &triangles) < 0) {
+    std::printf("Memory allocation error\n");
+    ClearResults(record);
+    return -1;
+  }
+  if (triangles.lFlatScore >= 0) {
+    int32_t* t = triangles.anFlat;
+    toFull(t, 5);
+    CheckFlatTriangle(record, &t[0], &t[1], &t[2], &t[3], &t[4]);
+    StoreTriangle(record, t, &record->tFlatTriangle);
+  }
+  if (triangles.lFaiScore >= 0) {
+    int32_t* t = triangles.anFai;
+    toFull(t, 5);
+    CheckFaiTriangle(record, &t[0], &t[1], &t[2], &t[3], &t[4]);
+    StoreTriangle(record, t, &record->tFaiTriangle);
+  }
+  return 0;
+}

@@ -152,6 +152,17 @@ int AppendRawLog(const uint8_t* bytes, int32_t count) {
   return 0;
 }
 
+void ReleaseTrackLog() {
+  std::free(tGps.pbRawLog);
+  tGps.pbRawLog = nullptr;
+  tGps.nRawLogSize = 0;
+  tGps.nRawLogLength = 0;
+  std::free(tGps.pTrackPoints);
+  tGps.pTrackPoints = nullptr;
+  tGps.nTrackCapacity = 0;
+  tGps.nTrackPoints = 0;
+}
+
 void help() {
   for (const char* text : kHelpTexts) std::fputs(text, stdout);
 }

@@ -129,6 +129,9 @@ int AppendTrackPoint(const TrackPoint& point);
 int AppendWaypoint(const Waypoint& waypoint);
 int AppendRawLog(const uint8_t* bytes, int32_t count);
 
+// Frees the raw log and the track log, leaving both empty.
+void ReleaseTrackLog();
+
 int KestrixMain(int argc, char** argv);
 void help();
 void KestrixIntExit(int signal);

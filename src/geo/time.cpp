@@ -25,6 +25,12 @@ void GetDownloadTime(SystemTime* out) {
   out->wSecond = static_cast<uint32_t>(utc.tm_sec);
 }
 
+uint32_t GetCurrentGpsTime() {
+  SystemTime now{};
+  GetDownloadTime(&now);
+  return ConvertSystemTimeToGpsTime(&now);
+}
+
 uint32_t ConvertSystemTimeToGpsTime(const SystemTime* in) {
   // Unsigned arithmetic throughout: wraps as the 32-bit scale does.
   uint32_t y = in->wYear - 1989u;

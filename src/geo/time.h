@@ -40,6 +40,8 @@ extern const uint32_t dwDaysTable1[13];
 
 // GPS time 0 is 1989-12-31 00:00:00 UTC; leap seconds are not counted.
 void GetDownloadTime(SystemTime* out);
+// The current time on the GPS scale.
+uint32_t GetCurrentGpsTime();
 uint32_t ConvertSystemTimeToGpsTime(const SystemTime* in);
 void ConvertGpsTimeToSystemTime(uint32_t gps, SystemTime* out);
 

@@ -72,16 +72,28 @@ int ParseNmeaString(char* sentence, int32_t* offsets, int maximum) {
   return fields;
 }
 
-int DecodeUintString(const char* text, uint32_t* value) {
-  const char* p = SkipBlanks(text);
+namespace {
+
+// Digits up to trailing blanks and the end; a value above 214748364 takes
+// no further digit. Returns false on anything else.
+bool ReadUnsignedField(const char* p, uint32_t* value) {
   uint32_t v = 0;
   while (IsDigit(*p)) {
-    if (v > 214748364u) return -1;
+    if (v > 214748364u) return false;
     v = v * 10u + static_cast<uint32_t>(*p - '0');
     ++p;
   }
   p = SkipBlanks(p);
-  if (*p != '\0') return -1;
+  if (*p != '\0') return false;
+  *value = v;
+  return true;
+}
+
+}  // namespace
+
+int DecodeUintString(const char* text, uint32_t* value) {
+  uint32_t v = 0;
+  if (!ReadUnsignedField(SkipBlanks(text), &v)) return -1;
   *value = v;
   return 0;
 }
@@ -94,13 +106,7 @@ int DecodeIntegerString(const char* text, int32_t* value) {
     p = SkipBlanks(p + 1);
   }
   uint32_t v = 0;
-  while (IsDigit(*p)) {
-    if (v > 214748364u) return -1;
-    v = v * 10u + static_cast<uint32_t>(*p - '0');
-    ++p;
-  }
-  p = SkipBlanks(p);
-  if (*p != '\0') return -1;
+  if (!ReadUnsignedField(p, &v)) return -1;
   // Modular, as a 32-bit negation would be.
   *value = static_cast<int32_t>(negative ? 0u - v : v);
   return 0;

@@ -245,29 +245,14 @@ bool ParseTypedNumber(const char* line, int32_t* number) {
   return true;
 }
 
-uint32_t CurrentGpsTime() {
-  SystemTime now;
-  GetDownloadTime(&now);
-  return ConvertSystemTimeToGpsTime(&now);
-}
 
-void ReleaseTrack() {
-  std::free(tGps.pbRawLog);
-  tGps.pbRawLog = nullptr;
-  tGps.nRawLogSize = 0;
-  tGps.nRawLogLength = 0;
-  std::free(tGps.pTrackPoints);
-  tGps.pTrackPoints = nullptr;
-  tGps.nTrackCapacity = 0;
-  tGps.nTrackPoints = 0;
-}
 
 int32_t AllocateTrack() {
-  ReleaseTrack();
+  ReleaseTrackLog();
   tGps.pbRawLog = static_cast<uint8_t*>(std::malloc(kRawLogInitialSize));
   tGps.pTrackPoints = static_cast<TrackPoint*>(std::malloc(sizeof(TrackPoint) * kTrackInitialCapacity));
   if (tGps.pbRawLog == nullptr || tGps.pTrackPoints == nullptr) {
-    ReleaseTrack();
+    ReleaseTrackLog();
     std::printf("Memory allocation error\n");
     return -1;
   }
@@ -885,7 +870,7 @@ int32_t ReadTrackLog(GalileoTransfer* t, int32_t flightNumber) {
   tGps.bSignature = t->gRecords > 0 ? 1 : 0;
   tGps.bUtc = 1;
   tGps.bPressureAltitude = 1;
-  tGps.dwDownloadTime = CurrentGpsTime();
+  tGps.dwDownloadTime = GetCurrentGpsTime();
   return 0;
 }
 
@@ -896,7 +881,7 @@ int32_t ReadAllTrackLogs(GalileoTransfer* t, int32_t (*save)()) {
     result = ReadTrackLog(t, i + 1);
     if (result < 0) break;
     save();
-    ReleaseTrack();
+    ReleaseTrackLog();
   }
   return result;
 }
@@ -916,7 +901,7 @@ int32_t ReadWaypoints(GalileoTransfer* t) {
   t->index = 0;
   WriteComString(kWaypointCommand);
   ProgressCounter progress("Waypoints: ", 0);
-  uint32_t now = CurrentGpsTime();
+  uint32_t now = GetCurrentGpsTime();
   int32_t result = ReceiveUntilSilent(kTransferSilence, [t, &progress, now](uint8_t b) {
     int32_t decoded = DecodeWptByte(t, b);
     if (decoded < 0) {

@@ -181,11 +181,6 @@ int32_t ReadSpan(SyrideDevice* device, uint32_t address, uint8_t* destination, u
   return 0;
 }
 
-uint32_t CurrentGpsTime() {
-  SystemTime now;
-  GetDownloadTime(&now);
-  return ConvertSystemTimeToGpsTime(&now);
-}
 
 int32_t ArcFromDegree7(int32_t value) {
   // Wraps like the 32-bit field it fills when garbage comes in.
@@ -196,16 +191,6 @@ int32_t Subtract(int32_t running, int32_t delta) {
   return static_cast<int32_t>(static_cast<uint32_t>(running) - static_cast<uint32_t>(delta));
 }
 
-void ReleaseTrack() {
-  std::free(tGps.pbRawLog);
-  tGps.pbRawLog = nullptr;
-  tGps.nRawLogSize = 0;
-  tGps.nRawLogLength = 0;
-  std::free(tGps.pTrackPoints);
-  tGps.pTrackPoints = nullptr;
-  tGps.nTrackCapacity = 0;
-  tGps.nTrackPoints = 0;
-}
 
 int32_t DecompressFailure(const char* message, uint8_t* output) {
   std::printf("%s", message);
@@ -516,7 +501,7 @@ int32_t ReadSelectedTrack(SyrideDevice* device, int32_t index) {
   tGps.bUtc = 1;
   tGps.bSignature = 1;
   tGps.bPressureAltitude = 1;
-  tGps.dwDownloadTime = CurrentGpsTime();
+  tGps.dwDownloadTime = GetCurrentGpsTime();
   const FlightEntry& flight = device->aFlights[index];
   const bool evolution = IsEvolution(device);
   uint32_t expected = evolution ? flight.dwSize : FlightMemorySize(flight.dwDuration, device->bNewFormat);
@@ -752,7 +737,7 @@ int32_t DownloadSyrideBulkTrackLog() {
       result = ReadSelectedTrack(&device, i);
       if (result < 0) break;
       pConsumers->saveTrack();
-      ReleaseTrack();
+      ReleaseTrackLog();
     }
   }
   CloseHidDevice(&device);

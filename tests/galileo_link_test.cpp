@@ -9,7 +9,9 @@
 #include <vector>
 
 #include "driver/main.h"
+#include "external_tools.h"
 #include "geo/conv.h"
+#include "kml_support.h"
 #include "link/com.h"
 #include "serial/galileo.h"
 #include "sim_support.h"
@@ -31,6 +33,13 @@ std::vector<std::string> Lines(const std::string& text) {
     lines.push_back(line);
   }
   return lines;
+}
+
+// The B records of IGC text that end in a line feed.
+size_t FixCount(const std::string& igc) {
+  size_t fixes = 0;
+  for (const std::string& line : Lines(igc.substr(0, igc.rfind('\n') + 1))) fixes += line.starts_with("B") ? 1 : 0;
+  return fixes;
 }
 
 // The counts at which a download's progress shows: after a line that leaves
@@ -264,12 +273,39 @@ class GalileoCommandLine : public testing::Test {
   }
 };
 
-std::string Until(const std::string& out, const std::string& marker) {
-  size_t at = out.find(marker);
-  return at == std::string::npos ? out : out.substr(0, at + marker.size());
+const std::string kAnalysis =
+    "Computing statistics\nFinding greatest out-and-return (gap = 800m)\nFinding greatest triangles (gap = 800m)\n";
+
+// What saving a downloaded flight prints: the raw file, then the document.
+std::string Saving(const std::string& base, size_t bytes, bool signature) {
+  return "Raw igc log downloaded (" + std::to_string(bytes) + " bytes)\nFile " + base + ".igc written\n" + kAnalysis +
+         "File " + base + ".kml written, " + (signature ? "signature OK" : "NO signature") + "\n";
+}
+
+// The IGC file is the instrument's text byte for byte; the KML document is
+// well-formed, names the instrument and carries `points` positions (and,
+// with a signature, a digest that checks out).
+void ExpectSavedFlight(const test::Scenario& s, const std::string& base, const std::string& igc, size_t points,
+                       bool signature, const std::string& product = "COMPEO+, SN00565, SW3.25") {
+  SCOPED_TRACE(s.label + ": " + base);
+  ASSERT_TRUE(s.contents.contains(base + ".igc"));
+  EXPECT_TRUE(s.contents.at(base + ".igc") == igc) << "the raw text differs";
+  ASSERT_TRUE(s.contents.contains(base + ".kml"));
+  const std::string& kml = s.contents.at(base + ".kml");
+  EXPECT_EQ(test::XmlTextProblem(kml), "");
+  test::TrackMetadata track;
+  std::string error;
+  ASSERT_TRUE(test::ReadTrackMetadata(kml, &track, &error)) << error;
+  EXPECT_EQ(track.instrument.value_or(""), product);
+  EXPECT_EQ(test::ListValues(track.coordinates).size(), points);
+  EXPECT_EQ(track.hash.has_value(), signature);
+  if (track.hash) {
+    EXPECT_EQ(*track.hash, test::Sha1Hex(test::DigestInput(track)));
+  }
 }
 
 TEST_F(GalileoCommandLine, DownloadsSelectionsListsAndWaypoints) {
+  REQUIRE_TOOL("xmllint", "libxml2-utils");
   const std::string iq = Flight("pg-iqbasic-8s.igc"), sky = Flight("pg-skytraxx-13min.igc");
   const std::string list = "Track list:\n1   04.10.23   14:30:07   00:27:05\n2   06.03.21   10:34:11   00:03:40\n";
   const std::string product = "Product: COMPEO+, SN00565, SW3.25\n";
@@ -288,32 +324,55 @@ TEST_F(GalileoCommandLine, DownloadsSelectionsListsAndWaypoints) {
   };
   test::RunScenarios(&runs);
 
-  const std::string saving = "Track saving: not available in this build\n";
+  // A single download is saved after the port is closed, each flight of an
+  // all-tracks download as soon as it is in.
+  const std::string iqBase = "2023-10-04_14-30", skyBase = "2021-03-06_10-34";
+  const std::string savedIq = Saving(iqBase, iq.size(), true), savedSky = Saving(skyBase, sky.size(), true);
   struct Expected {
     std::string out;
     std::vector<std::string> commands;
+    std::string after;  // printed after the port was closed
   } expected[] = {
-      {product + list + skyPoints, {"$PBRSNP,*21", "$PBRTL,*74", "$PBRTR,01*6B"}},
-      {product + list + "Select: " + skyPoints, {"$PBRSNP,*21", "$PBRTL,*74", "$PBRTR,01*6B"}},
-      {"Product: COMPEO, SN00565, SW2.19\n" + iqPoints, {"$PBRSNP,*21", "$PBRIGC,*21"}},
-      {"Product: COMPEO, SN00565, SW2.20\n" + list, {"$PBRSNP,*21", "$PBRTL,*74"}},
-      {product + list + "Reading track 1\n" + iqPoints + saving + "Reading track 2\n" + skyPoints + saving,
-       {"$PBRSNP,*21", "$PBRTL,*74", "$PBRTR,00*6A", "$PBRTR,01*6B"}},
-      {product + ProgressText("Waypoints: ", {10}, 11), {"$PBRSNP,*21", "$PBRWPS,*38"}},
+      {product + list + skyPoints, {"$PBRSNP,*21", "$PBRTL,*74", "$PBRTR,01*6B"}, savedSky},
+      {product + list + "Select: " + skyPoints, {"$PBRSNP,*21", "$PBRTL,*74", "$PBRTR,01*6B"}, savedSky},
+      {"Product: COMPEO, SN00565, SW2.19\n" + iqPoints, {"$PBRSNP,*21", "$PBRIGC,*21"}, savedIq},
+      {"Product: COMPEO, SN00565, SW2.20\n" + list, {"$PBRSNP,*21", "$PBRTL,*74"}, ""},
+      {product + list + "Reading track 1\n" + iqPoints + savedIq + "Reading track 2\n" + skyPoints + savedSky,
+       {"$PBRSNP,*21", "$PBRTL,*74", "$PBRTR,00*6A", "$PBRTR,01*6B"}, ""},
+      {product + ProgressText("Waypoints: ", {10}, 11), {"$PBRSNP,*21", "$PBRWPS,*38"}, ""},
       {"Product: GALILEO, SN00565, SW3.0\nTrack list:\nNo list found. Selecting latest flight\nPoints: 0\b0\n",
-       {"$PBRSNP,*21", "$PBRTL,*74", "$PBRTR,00*6A"}},
+       {"$PBRSNP,*21", "$PBRTL,*74", "$PBRTR,00*6A"}, ""},
   };
   for (size_t i = 0; i < runs.size(); ++i) {
     const test::Scenario& s = runs[i];
     EXPECT_EQ(s.result.status, 0) << s.label;
-    EXPECT_EQ(Until(s.result.out, "Exiting COM thread\n"),
-              "Opened port /dev/cu." + s.port + "\nStarting COM thread\n" + expected[i].out + "Exiting COM thread\n")
-        << s.label;
+    if (s.label == "waypoints") {
+      // Their files are the waypoint writers' business.
+      EXPECT_TRUE(s.result.out.starts_with("Opened port /dev/cu." + s.port + "\nStarting COM thread\n" +
+                                           expected[i].out + "Exiting COM thread\n"))
+          << s.result.out;
+    } else {
+      EXPECT_EQ(s.result.out, "Opened port /dev/cu." + s.port + "\nStarting COM thread\n" + expected[i].out +
+                                  "Exiting COM thread\n" + expected[i].after)
+          << s.label;
+    }
     EXPECT_EQ(s.commands, expected[i].commands) << s.label;
   }
+  for (size_t i : {0, 1}) {
+    EXPECT_EQ(runs[i].files.size(), 2u) << runs[i].label;
+    ExpectSavedFlight(runs[i], skyBase, sky, 221, true);
+  }
+  EXPECT_EQ(runs[2].files.size(), 2u);
+  ExpectSavedFlight(runs[2], iqBase, iq, 194, true, "COMPEO, SN00565, SW2.19");
+  EXPECT_TRUE(runs[3].files.empty());
+  EXPECT_EQ(runs[4].files.size(), 4u);
+  ExpectSavedFlight(runs[4], iqBase, iq, 194, true);
+  ExpectSavedFlight(runs[4], skyBase, sky, 221, true);
+  EXPECT_TRUE(runs[6].files.empty());
 }
 
 TEST_F(GalileoCommandLine, FaultsEndTheTransferWithTheirMessage) {
+  REQUIRE_TOOL("xmllint", "libxml2-utils");
   const std::string iq = Flight("pg-iqbasic-8s.igc");
   // The flight answers the third command; the cut and the pause fall into
   // the 43rd fix.
@@ -340,9 +399,10 @@ TEST_F(GalileoCommandLine, FaultsEndTheTransferWithTheirMessage) {
 
   const std::string product = "Product: COMPEO+, SN00565, SW3.25\n";
   const std::string list = "Track list:\n1   04.10.23   14:30:07   00:27:05\n";
-  // The G records come last: a shortened flight has none.
+  // The G records come last: a shortened flight has none. What came is
+  // saved as it came, unsigned.
   const std::string partial = product + list + ProgressText("Points: ", {}, 42) + "No G-records found\n" +
-                              "Exiting COM thread\nTrack saving: not available in this build\n";
+                              "Exiting COM thread\n" + Saving("2023-10-04_14-30", 2509, false);
   const std::string expected[] = {
       "Product: Format error 13\n",
       "Product: Bad/missing user name\n",
@@ -357,16 +417,22 @@ TEST_F(GalileoCommandLine, FaultsEndTheTransferWithTheirMessage) {
   for (size_t i = 0; i < runs.size(); ++i) {
     const test::Scenario& s = runs[i];
     std::string out = "Opened port /dev/cu." + s.port + "\nStarting COM thread\n" + expected[i];
-    if (!expected[i].ends_with("build\n")) out += "Exiting COM thread\n";
+    if (expected[i] != partial) out += "Exiting COM thread\n";
     EXPECT_EQ(s.result.out, out) << s.label;
     EXPECT_EQ(s.result.status, 0) << s.label;
-    EXPECT_TRUE(s.files.empty()) << s.label;
+    if (expected[i] == partial) {
+      ExpectSavedFlight(s, "2023-10-04_14-30", iq.substr(0, 2509), 42, false);
+      EXPECT_EQ(s.files.size(), 2u) << s.label;
+    } else {
+      EXPECT_TRUE(s.files.empty()) << s.label;
+    }
   }
 }
 
 // A corrupted byte anywhere in the conversation ends it with a message or
 // a shorter flight, never with a crash or an open port.
 TEST_F(GalileoCommandLine, ACorruptByteAnywhereLeavesTheProgramInCharge) {
+  REQUIRE_TOOL("xmllint", "libxml2-utils");
   const std::string iq = Flight("pg-iqbasic-8s.igc");
   std::vector<test::Scenario> runs;
   const std::pair<int, int64_t> flips[] = {{1, 0},  {1, 3},   {1, 9},   {1, 20},   {1, 36},   {1, 39},
@@ -380,11 +446,39 @@ TEST_F(GalileoCommandLine, ACorruptByteAnywhereLeavesTheProgramInCharge) {
   }
   test::RunScenarios(&runs);
   for (const test::Scenario& s : runs) {
-    EXPECT_EQ(s.result.status, 0) << s.label;
-    EXPECT_TRUE(s.result.out.ends_with("Exiting COM thread\n") ||
-                s.result.out.ends_with("Exiting COM thread\nTrack saving: not available in this build\n"))
-        << s.label << ": " << s.result.out;
-    EXPECT_TRUE(s.files.empty()) << s.label;
+    SCOPED_TRACE(s.label + ": " + s.result.out);
+    EXPECT_EQ(s.result.status, 0);
+    // Either nothing came and nothing was written, or the flight that came
+    // was saved: every file written is announced and the raw file holds
+    // what the program said it got.
+    const size_t closed = s.result.out.find("Exiting COM thread\n");
+    ASSERT_NE(closed, std::string::npos);
+    std::string after = s.result.out.substr(closed + 19);
+    if (after.empty()) {
+      EXPECT_TRUE(s.files.empty());
+      continue;
+    }
+    // A corrupted fix may catch the eye of the checks first: a time going
+    // back is kept (nobody answers), an impossible speed is dropped.
+    const size_t saving = after.find("Raw igc log downloaded");
+    ASSERT_NE(saving, std::string::npos);
+    const std::string checks = after.substr(0, saving);
+    after = after.substr(saving);
+    int removed = 0;
+    const size_t dropped = checks.find(" positions have been removed in speed analysis\n");
+    if (dropped != std::string::npos) removed = std::stoi(checks.substr(checks.rfind('\n', dropped) + 1));
+    unsigned long bytes = 0;
+    char base[64] = "";
+    ASSERT_EQ(std::sscanf(after.c_str(), "Raw igc log downloaded (%lu bytes)\nFile %63[^.].igc written\n", &bytes,
+                          base),
+              2);
+    EXPECT_EQ(s.files.size(), 2u);
+    ASSERT_TRUE(s.contents.contains(std::string(base) + ".igc"));
+    EXPECT_EQ(s.contents.at(std::string(base) + ".igc").size(), bytes);
+    const bool signature = after.ends_with("signature OK\n");
+    EXPECT_EQ(after, Saving(base, bytes, signature));
+    const std::string& raw = s.contents.at(std::string(base) + ".igc");
+    ExpectSavedFlight(s, base, raw, FixCount(raw) - static_cast<size_t>(removed), signature);
   }
 }
 

@@ -10,20 +10,9 @@
 #include <cstring>
 #include <string>
 
+#include "kml_support.h"
 #include "output/google.h"
 #include "support.h"
-
-#ifndef KESTRIX_HAVE_OPENSSL
-#define KESTRIX_HAVE_OPENSSL 0
-#endif
-#if KESTRIX_HAVE_OPENSSL
-#include <openssl/evp.h>
-#endif
-
-#define REQUIRE_OPENSSL()                                                                      \
-  do {                                                                                         \
-    if (!KESTRIX_HAVE_OPENSSL) GTEST_SKIP() << "OpenSSL not found at build time (libssl-dev)"; \
-  } while (false)
 
 namespace {
 
@@ -31,32 +20,6 @@ std::string Hex(const uint32_t digest[5]) {
   char text[41];
   std::snprintf(text, sizeof text, "%08X%08X%08X%08X%08X", digest[0], digest[1], digest[2], digest[3], digest[4]);
   return text;
-}
-
-std::string ReferenceSha1([[maybe_unused]] const std::string& bytes) {
-#if KESTRIX_HAVE_OPENSSL
-  unsigned char md[EVP_MAX_MD_SIZE];
-  unsigned int length = 0;
-  if (EVP_Digest(bytes.data(), bytes.size(), md, &length, EVP_sha1(), nullptr) != 1) return "EVP failed";
-  std::string hex;
-  char pair[3];
-  for (unsigned int i = 0; i < length; ++i) {
-    std::snprintf(pair, sizeof pair, "%02X", md[i]);
-    hex += pair;
-  }
-  return hex;
-#else
-  return "";
-#endif
-}
-
-std::string StringDigest(const std::string& text) {
-  HashContext hash;
-  HashInit(&hash);
-  HashString(&hash, text.c_str());
-  uint32_t digest[5];
-  HashFinish(&hash, digest);
-  return Hex(digest);
 }
 
 std::string BufferDigest(const std::string& bytes) {
@@ -92,20 +55,18 @@ std::string AsciiText(size_t length) {
 }
 
 TEST(Hash, AsciiTextsOfEveryLengthAroundThePaddingBoundariesArePlainSha1) {
-  REQUIRE_OPENSSL();
   for (size_t length = 0; length <= 200; ++length) {
     const std::string text = AsciiText(length);
-    const std::string expected = ReferenceSha1(text);
-    EXPECT_EQ(StringDigest(text), expected) << "length " << length;
+    const std::string expected = test::Sha1Hex(text);
+    EXPECT_EQ(test::HashStringDigest(text), expected) << "length " << length;
     EXPECT_EQ(BufferDigest(text), expected) << "length " << length;
   }
-  EXPECT_EQ(StringDigest("abc"), "A9993E364706816ABA3E25717850C26C9CD0D89D");
+  EXPECT_EQ(test::HashStringDigest("abc"), "A9993E364706816ABA3E25717850C26C9CD0D89D");
 }
 
 TEST(Hash, PiecesFedOneAfterAnotherDigestAsTheirConcatenation) {
-  REQUIRE_OPENSSL();
   const std::string text = AsciiText(131);
-  const std::string expected = ReferenceSha1(text);
+  const std::string expected = test::Sha1Hex(text);
   for (size_t split = 0; split <= text.size(); ++split) {
     for (size_t second = split; second <= text.size(); second += 13) {
       HashContext hash;
@@ -122,14 +83,13 @@ TEST(Hash, PiecesFedOneAfterAnotherDigestAsTheirConcatenation) {
 }
 
 TEST(Hash, TextBytesOf128AndAboveLowerTheBytesBeforeThemInTheirWord) {
-  REQUIRE_OPENSSL();
   // Worked by hand: "A" then 0x80 packs as 0x41 * 256 - 128 = 0x4080.
   EXPECT_EQ(AsPackedSigned("A\x80"), std::string("\x40\x80"));
-  EXPECT_EQ(StringDigest("A\x80"), ReferenceSha1(std::string("\x40\x80")));
+  EXPECT_EQ(test::HashStringDigest("A\x80"), test::Sha1Hex(std::string("\x40\x80")));
   // A UTF-8 letter in a word of four: each high byte borrows one from the
   // byte before it, so "Pr" 0xC3 0xA9 packs as "Pq" 0xC2 0xA9.
   EXPECT_EQ(AsPackedSigned("Pr\xC3\xA9"), std::string("Pq\xC2\xA9"));
-  EXPECT_EQ(StringDigest("Pr\xC3\xA9"), ReferenceSha1("Pq\xC2\xA9"));
+  EXPECT_EQ(test::HashStringDigest("Pr\xC3\xA9"), test::Sha1Hex("Pq\xC2\xA9"));
 
   // High bytes at every position of a word, with messages that end in full
   // and in partial words and around the block boundaries.
@@ -141,18 +101,18 @@ TEST(Hash, TextBytesOf128AndAboveLowerTheBytesBeforeThemInTheirWord) {
       text[position] = static_cast<char>(0xC3);
       text[length - 1] = static_cast<char>(0xFF - length % 64);
       const std::string packed = AsPackedSigned(text);
-      EXPECT_EQ(StringDigest(text), ReferenceSha1(packed)) << length << "/" << position;
-      EXPECT_EQ(BufferDigest(text), ReferenceSha1(text)) << length << "/" << position;
+      EXPECT_EQ(test::HashStringDigest(text), test::Sha1Hex(packed)) << length << "/" << position;
+      EXPECT_EQ(BufferDigest(text), test::Sha1Hex(text)) << length << "/" << position;
       if (packed != text) {
         ++deviating;
-        EXPECT_NE(StringDigest(text), ReferenceSha1(text)) << length << "/" << position;
+        EXPECT_NE(test::HashStringDigest(text), test::Sha1Hex(text)) << length << "/" << position;
       }
     }
   }
   EXPECT_GT(deviating, 50);
-  EXPECT_EQ(StringDigest("\xC3"
-                         "bcd"),
-            ReferenceSha1("\xC3"
+  EXPECT_EQ(test::HashStringDigest("\xC3"
+                                   "bcd"),
+            test::Sha1Hex("\xC3"
                           "bcd"));
 }
 
@@ -165,7 +125,7 @@ TEST(XmlStart, SecretIsFixedAsciiAndKeptOnlyScrambled) {
     EXPECT_TRUE(c > ' ' && c < 127) << static_cast<int>(c);  // below 128: the signed packing stays plain
   }
   // Changing the secret would break every document written before.
-  EXPECT_EQ(StringDigest(secret), "47D2D32BF01BF3ECF53B7505938DED05544BD1C1");
+  EXPECT_EQ(test::HashStringDigest(secret), "47D2D32BF01BF3ECF53B7505938DED05544BD1C1");
   // This test program links the secret's module; the plain text must not be
   // in it anywhere.
   const std::string program = test::ReadFile("/proc/self/exe");

@@ -79,6 +79,7 @@ void RunScenarios(std::vector<Scenario>* scenarios) {
       s.commands = rig.Commands();
       for (const auto& entry : std::filesystem::directory_iterator(dir.path())) {
         s.files.push_back(entry.path().filename().string());
+        if (entry.is_regular_file()) s.contents[s.files.back()] = ReadFile(entry.path().string());
       }
     });
   }

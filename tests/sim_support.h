@@ -2,6 +2,7 @@
 // against /dev/cu.<name> links.
 #pragma once
 
+#include <map>
 #include <memory>
 #include <string>
 #include <vector>
@@ -47,7 +48,8 @@ struct Scenario {
   std::string port{};
   RunResult result{};
   std::vector<std::string> commands{};
-  std::vector<std::string> files{};  // what the run left in its folder
+  std::vector<std::string> files{};               // what the run left in its folder
+  std::map<std::string, std::string> contents{};  // and what its regular files hold
 };
 
 // Empty when /dev/cu.<name> links can be made here; else why not.

@@ -11,8 +11,10 @@
 
 #include "driver/cmd.h"
 #include "driver/config.h"
+#include "igc/igc.h"
 #include "output/file.h"
 #include "serial/galileo.h"
+#include "usb/syride.h"
 
 RunParameters tGps;
 std::atomic<int32_t> restartTask{0};
@@ -102,10 +104,6 @@ int Grow(T** array, int32_t* capacity, int32_t initial, int32_t used) {
 }
 
 }  // namespace
-
-// Stands in until the output module arrives; the bulk downloads call it
-// after every track.
-int32_t SaveTracklog() { return NotInThisBuild("Track saving"); }
 
 void ResetRunParameters() {
   std::free(tGps.pbRawLog);
@@ -261,14 +259,14 @@ void MainProgram() {
           result = NotInThisBuild("MLR track download");
           break;
         case kGpsSyride:
-          result = NotInThisBuild("Syride track download");
+          result = DownloadSyrideTrackLog();
           break;
         default:
           std::printf("No GPS type specified\n");
           result = -1;
           break;
       }
-      if (result == 0) NotInThisBuild("Track saving");
+      if (result == 0) SaveTracklog();
       break;
     case kCommandDownloadAllTracks:
       switch (tGps.dwGpsType) {
@@ -286,7 +284,7 @@ void MainProgram() {
           DownloadGalileoBulkTrackLog();
           break;
         case kGpsSyride:
-          NotInThisBuild("Syride track download");
+          DownloadSyrideBulkTrackLog();
           break;
         default:
           std::printf("No/unsupported GPS type specified\n");
@@ -328,7 +326,7 @@ void MainProgram() {
       }
       break;
     case kCommandConvertIgc:
-      NotInThisBuild("IGC conversion");
+      TranslateIgcLog();
       break;
     default:
       std::printf("No GPS command found\n");

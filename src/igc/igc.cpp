@@ -1,14 +1,18 @@
 #include "igc/igc.h"
 
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 
 #include "driver/main.h"
 #include "geo/conv.h"
 #include "link/string.h"
+#include "output/file.h"
 
 namespace {
 
@@ -452,4 +456,84 @@ int32_t DecodeIgcBuffer(const uint8_t* text, int32_t length, char* pilotField, i
     return -1;
   }
   return d.gRecords;
+}
+
+// ---------------------------------------------------------------- conversion
+
+namespace {
+
+struct FileCloser {
+  void operator()(FILE* file) const { std::fclose(file); }
+};
+
+struct BytesFree {
+  void operator()(uint8_t* bytes) const { std::free(bytes); }
+};
+
+// Reads the whole source file; prints why not and returns -1 when it cannot.
+int32_t ReadSourceFile(const char* path, std::unique_ptr<uint8_t, BytesFree>* text, int32_t* length) {
+  std::unique_ptr<FILE, FileCloser> file(std::fopen(path, "rb"));
+  // A folder opens here too, but holds nothing to read.
+  struct stat info {};
+  if (file == nullptr || fstat(fileno(file.get()), &info) != 0 || !S_ISREG(info.st_mode)) {
+    std::printf("Couldn't open source file %s\n", path);
+    return -1;
+  }
+  if (std::fseek(file.get(), 0, SEEK_END) != 0) {
+    std::printf("Source file fseek() error\n");
+    return -1;
+  }
+  const long size = std::ftell(file.get());
+  // An empty file is reported as a position error, as it always was.
+  if (size <= 0) {
+    std::printf("Source file ftell() error\n");
+    return -1;
+  }
+  uint8_t* bytes = size > INT32_MAX ? nullptr : static_cast<uint8_t*>(std::malloc(static_cast<size_t>(size)));
+  if (bytes == nullptr) {
+    std::printf("Could not allocate memory for source file\n");
+    return -1;
+  }
+  text->reset(bytes);
+  std::rewind(file.get());
+  if (std::fread(bytes, 1, static_cast<size_t>(size), file.get()) != static_cast<size_t>(size)) {
+    std::printf("Source file read() error\n");
+    return -1;
+  }
+  *length = static_cast<int32_t>(size);
+  return 0;
+}
+
+}  // namespace
+
+int32_t TranslateIgcLog() {
+  const char* source = tGps.szFileName;
+  int32_t decoded;
+  {
+    std::unique_ptr<uint8_t, BytesFree> text;
+    int32_t length = 0;
+    if (ReadSourceFile(source, &text, &length) < 0) return -1;
+    decoded = DecodeIgcBuffer(text.get(), length, nullptr, 0);
+  }
+  if (decoded < 0) return -1;
+
+  // A file carries no instrument signature and its times are not known to be UTC.
+  tGps.bSignature = 0;
+  tGps.bUtc = 0;
+  tGps.bPressureAltitude = 1;
+  SystemTime now{};
+  pfnGetDownloadTime(&now);
+  tGps.dwDownloadTime = ConvertSystemTimeToGpsTime(&now);
+  tGps.szProduct[0] = '\0';
+  std::printf("Source file decoded (%d points)\n", tGps.nTrackPoints);
+
+  // flight.igc gives flight.kml; any other name keeps its ending.
+  char output[sizeof tGps.szFileName + 4];
+  size_t length = strnlen(source, sizeof tGps.szFileName - 1);
+  if (length > 4 && std::memcmp(source + length - 4, ".igc", 4) == 0) length -= 4;
+  std::memcpy(output, source, length);
+  std::memcpy(output + length, ".kml", 5);
+  const int32_t saved = SaveKmlTrackLog(output, 0);
+  FreeTrackLog();
+  return saved < 0 ? -1 : 0;
 }

@@ -10,6 +10,9 @@
 
 #include "driver/main.h"
 #include "geo/conv.h"
+#include "igc/igc.h"
+#include "output/google.h"
+#include "track/analysis.h"
 
 void (*pfnGetDownloadTime)(SystemTime* out) = GetDownloadTime;
 
@@ -118,18 +121,30 @@ int WriteWholeFile(const char* name, const char* data, size_t length, const char
 }
 
 // Common end of the waypoint writers, once the text is complete.
-int32_t FinishWaypointFile(const char* name, const TextBuffer& text) {
+// With --skip an existing file is reported and left as it is.
+int32_t WriteFileUnlessSkipped(const char* name, const char* data, size_t length, const char* openFailure,
+                               const char* writeFailure) {
   if (tGps.bSkipExisting != 0 && FileExists(name)) {
     std::printf("File %s already exists\n", name);
     return -1;
   }
-  if (WriteWholeFile(name, text.data, static_cast<size_t>(text.length), "Couldn't open file %s for writing\n",
-                     "Error writing to %s\n") < 0) {
+  return WriteWholeFile(name, data, length, openFailure, writeFailure);
+}
+
+int32_t FinishWaypointFile(const char* name, const TextBuffer& text) {
+  if (WriteFileUnlessSkipped(name, text.data, static_cast<size_t>(text.length), "Couldn't open file %s for writing\n",
+                             "Error writing to %s\n") < 0) {
     return -1;
   }
   std::printf("File %s written\n", name);
   return 0;
 }
+
+// Instrument kinds that no switch selects; the saving checks still test them.
+constexpr int32_t kGpsKindTimeStampCheck = 2;
+constexpr int32_t kGpsKindWithoutChecks = 8;
+
+const char* TextOrNull(const char* text) { return text[0] == '\0' ? nullptr : text; }
 
 int32_t FeetFromMetres(int32_t metres) { return RoundHalfAway(metres * kFeetPerMetre); }
 
@@ -509,6 +524,102 @@ int32_t MakeLogFileName(char* buffer, int32_t maxLength, uint32_t gpsTime, const
     return -1;
   }
   std::memcpy(buffer + length, extension, extensionLength + 1);
+  return 0;
+}
+
+int32_t SaveTracklog() {
+  if (tGps.pTrackPoints == nullptr || tGps.nTrackPoints == 0) return -1;
+  if (tGps.dwGpsType == kGpsKindTimeStampCheck && CheckForInvalidTimeStamps() < 0) return -1;
+  if (tGps.dwGpsType != kGpsKindWithoutChecks) {
+    if (CheckForMultipleTracks() < 0 || CheckForTimestampConsistency() < 0 || CheckForSpeedConsistency() < 0) {
+      return -1;
+    }
+  }
+  // A file that fails is reported and the next one is still tried.
+  if ((tGps.dwFileTypes & kFileIgc) != 0) SaveIgcTrackLog(0);
+  if ((tGps.dwFileTypes & kFileKml) != 0) SaveKmlTrackLog(nullptr, 0);
+  if (tGps.bTrim == 0) return 0;
+  TrimTrack();
+  if ((tGps.dwFileTypes & kFileIgc) != 0) SaveIgcTrackLog(1);
+  if ((tGps.dwFileTypes & kFileKml) != 0) SaveKmlTrackLog(nullptr, 1);
+  return 0;
+}
+
+int32_t SaveIgcTrackLog(int32_t trimmed) {
+  std::unique_ptr<char, MemoryFree> encoded;
+  const char* bytes = nullptr;
+  size_t length = 0;
+  uint32_t namingTime = 0;
+  if (tGps.pbRawLog != nullptr) {
+    // The instrument's own file, signed by it: written as it came, also
+    // under the trimmed name.
+    std::printf("Raw igc log downloaded (%d bytes)\n", tGps.nRawLogLength);
+    bytes = reinterpret_cast<const char*>(tGps.pbRawLog);
+    length = tGps.nRawLogLength > 0 ? static_cast<size_t>(tGps.nRawLogLength) : 0;
+    namingTime = tGps.dwFirstPointTime;
+  } else {
+    std::printf("Making igc log\n");
+    if (tGps.pTrackPoints == nullptr || tGps.nTrackPoints <= 0) return -1;
+    char* result = nullptr;
+    const int32_t encodedLength =
+        EncodeIgcLog(tGps.pTrackPoints, static_cast<uint32_t>(tGps.nTrackPoints), TextOrNull(tGps.szIgcPilotName),
+                     TextOrNull(tGps.szIgcGliderType), TextOrNull(tGps.szIgcGliderId), TextOrNull(tGps.szIgcCompClass),
+                     TextOrNull(tGps.szIgcSiteName), tGps.szProduct, nullptr, nullptr, 0, tGps.dwDownloadTime, &result,
+                     tGps.bSignature);
+    if (encodedLength < 0) {
+      std::printf("Memory allocation error\n");
+      return -1;
+    }
+    encoded.reset(result);
+    bytes = result;
+    length = static_cast<size_t>(encodedLength);
+    namingTime = tGps.pTrackPoints[0].dwTime;
+  }
+  char name[kFileNameLimit + 1];
+  if (MakeLogFileName(name, kFileNameLimit, namingTime, trimmed != 0 ? "-T.igc" : ".igc") < 0) return -1;
+  if (WriteFileUnlessSkipped(name, bytes, length, "Couldn't create file %s\n", "Error writing file %s\n") < 0)
+    return -1;
+  std::printf("File %s written\n", name);
+  return 0;
+}
+
+int32_t SaveKmlTrackLog(const char* name, int32_t trimmed) {
+  if (tGps.pTrackPoints == nullptr || tGps.nTrackPoints < 5) {
+    std::printf("Too few points for a .kml file\n");
+    return -1;
+  }
+  FlightAnalysis record{};
+  record.nPoints = tGps.nTrackPoints;
+  record.pPoints = tGps.pTrackPoints;
+  record.dwDownloadTime = tGps.dwDownloadTime;
+  record.bSignature = tGps.bSignature;
+  record.bPilotIdentity = 0;
+  record.nCivlPilotId = -1;
+  record.nCompPilotId = -1;
+  record.bUtc = tGps.bUtc;
+  record.bPressureAltitude = tGps.bPressureAltitude;
+  if (AnalyzeTrack(&record) < 0) return -1;
+  TextBuffer text;
+  if (MakeGoogleFolder(&record, &text) < 0) {
+    std::printf("Make .kml text: Memory allocation error\n");
+    return -1;
+  }
+  char made[kFileNameLimit + 1];
+  int32_t written;
+  if (name == nullptr) {
+    if (MakeLogFileName(made, kFileNameLimit, tGps.pTrackPoints[0].dwTime, trimmed != 0 ? "-T.kml" : ".kml") < 0) {
+      return -1;
+    }
+    name = made;
+    written = WriteFileUnlessSkipped(name, text.data, static_cast<size_t>(text.length),
+                                     "Couldn't open file %s for writing\n", "Error writing to %s\n");
+  } else {
+    // A name chosen by the caller replaces what is there, --skip or not.
+    written = WriteWholeFile(name, text.data, static_cast<size_t>(text.length), "Couldn't open file %s for writing\n",
+                             "Error writing to %s\n");
+  }
+  if (written < 0) return -1;
+  std::printf("File %s written, %s\n", name, tGps.bSignature != 0 ? "signature OK" : "NO signature");
   return 0;
 }
 

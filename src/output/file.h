@@ -9,7 +9,17 @@
 // Names are built in buffers of kFileNameLimit + 1 bytes.
 constexpr int32_t kFileNameLimit = 255;
 
+// Checks the downloaded track log of the run parameters and writes its IGC
+// and KML files as the file-type mask asks, with --trim a trimmed pair after
+// them. -1 when there is no track or a check leaves nothing; 0 otherwise,
+// also when a file could not be written (each failure has been reported).
 int32_t SaveTracklog();
+// The IGC file: the instrument's raw text as it came, or one encoded from
+// the track log. `trimmed` 1 names it "-T.igc". 0 when written, else -1.
+int32_t SaveIgcTrackLog(int32_t trimmed);
+// The KML document of the track log, under `name` as given or, when null, a
+// made name ("-T.kml" when `trimmed` is 1). 0 when written, else -1.
+int32_t SaveKmlTrackLog(const char* name, int32_t trimmed);
 int32_t SaveOziWaypoints();
 int32_t SaveGpxWaypoints();
 int32_t SaveKmlWaypoints();

@@ -1,5 +1,6 @@
 // The families the simulator serves: one module each, one row here.
 #include "sim/galileo.h"
+#include "sim/leonardo.h"
 #include "sim/sim.h"
 
 namespace sim {
@@ -7,6 +8,7 @@ namespace sim {
 const std::vector<Family>& Families() {
   static const std::vector<Family> families = {
       {"flytec", galileo::kBaud, galileo::kFaultHelp, galileo::Create},
+      {"leonardo", leonardo::kBaud, leonardo::kFaultHelp, leonardo::Create},
   };
   return families;
 }

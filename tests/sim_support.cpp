@@ -1,5 +1,9 @@
 #include "sim_support.h"
 
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -60,23 +64,113 @@ std::string PortLinkProblem() {
   return probe.ok() ? "" : probe.error();
 }
 
+SimProgram::SimProgram(const std::vector<std::string>& args) {
+  int out[2];
+  if (pipe2(out, O_CLOEXEC) != 0) throw std::runtime_error("pipe failed");
+  // Nothing is allocated after the fork (see RunKestrix).
+  std::string program = KESTRIX_SIM_EXE;
+  std::vector<std::string> copies = args;
+  std::vector<char*> argv;
+  argv.push_back(program.data());
+  for (std::string& a : copies) argv.push_back(a.data());
+  argv.push_back(nullptr);
+  pid_t pid = fork();
+  if (pid < 0) throw std::runtime_error("fork failed");
+  if (pid == 0) {
+    dup2(out[1], STDOUT_FILENO);
+    execv(program.c_str(), argv.data());
+    _exit(127);
+  }
+  close(out[1]);
+  pid_ = pid;
+  out_ = out[0];
+  greeting_ = ReadUntil("Stop with Ctrl-C\n");
+}
+
+SimProgram::~SimProgram() {
+  if (pid_ < 0) return;
+  int status = 0;
+  Stop(&status);
+}
+
+std::string SimProgram::ReadUntil(const std::string& marker) {
+  std::string text;
+  uint64_t start = sim::NowMicros();
+  while (text.find(marker) == std::string::npos && sim::NowMicros() - start < 10000000) {
+    pollfd p{out_, POLLIN, 0};
+    if (poll(&p, 1, 100) <= 0) continue;
+    char buffer[512];
+    ssize_t n = read(out_, buffer, sizeof buffer);
+    if (n <= 0) break;
+    text.append(buffer, static_cast<size_t>(n));
+  }
+  return text;
+}
+
+std::string SimProgram::Stop(int* status) {
+  kill(pid_, SIGTERM);
+  std::string trace = ReadUntil("Stopped\n");
+  int raw = 0;
+  waitpid(pid_, &raw, 0);
+  close(out_);
+  pid_ = -1;
+  *status = WIFEXITED(raw) ? WEXITSTATUS(raw) : -1;
+  return trace;
+}
+
+namespace {
+
+// The instrument type switch for a simulator family.
+std::string GpsSwitch(const std::string& family) {
+  static const std::pair<const char*, const char*> kSwitches[] = {{"flytec", "-gc"}, {"leonardo", "-gda"}};
+  for (const auto& [name, option] : kSwitches) {
+    if (family == name) return option;
+  }
+  throw std::runtime_error("no switch known for simulator family " + family);
+}
+
+// The command lines an instrument received: line ends, XON and XOFF and
+// empty lines dropped.
+std::vector<std::string> CommandLines(const std::string& bytes) {
+  std::vector<std::string> lines;
+  std::string line;
+  for (char c : bytes) {
+    if (c == '\n') {
+      if (!line.empty()) lines.push_back(line);
+      line.clear();
+    } else if (c != '\r' && c != 0x11 && c != 0x13) {
+      line += c;
+    }
+  }
+  return lines;
+}
+
+}  // namespace
+
 void RunScenarios(std::vector<Scenario>* scenarios) {
   std::vector<std::thread> threads;
   for (Scenario& s : *scenarios) {
-    threads.emplace_back([&s] {
-      FlytecRig rig(s.settings, s.faults);
+    const sim::Family* family = sim::FindFamily(s.family);
+    if (family == nullptr) throw std::runtime_error("unknown simulator family " + s.family);
+    std::vector<std::string> args = {GpsSwitch(s.family)};
+    threads.emplace_back([&s, family, args]() mutable {
+      sim::Simulator simulator(family->create(s.settings), 0, s.faults);
+      if (simulator.Start() != 0) {
+        s.result.out = simulator.error();
+        return;
+      }
       s.port = UniquePortName();
-      sim::PortLink link(s.port, rig.simulator().path());
+      sim::PortLink link(s.port, simulator.path());
       if (!link.ok()) {
         s.result.out = link.error();
         return;
       }
       TempDir dir;
-      std::vector<std::string> args = {"-gc", "-cu." + s.port};
+      args.push_back("-cu." + s.port);
       args.insert(args.end(), s.args.begin(), s.args.end());
       s.result = RunKestrix(args, dir.path(), s.input);
-      rig.Stop();
-      s.commands = rig.Commands();
+      simulator.Stop();
+      s.commands = CommandLines(simulator.ReceivedBytes());
       for (const auto& entry : std::filesystem::directory_iterator(dir.path())) {
         s.files.push_back(entry.path().filename().string());
       }

@@ -13,6 +13,7 @@
 #include "driver/config.h"
 #include "output/file.h"
 #include "serial/galileo.h"
+#include "serial/leonardo.h"
 
 RunParameters tGps;
 std::atomic<int32_t> restartTask{0};
@@ -249,7 +250,7 @@ void MainProgram() {
           result = DownloadGalileoTrackLog();
           break;
         case kGpsLeonardo:
-          result = NotInThisBuild("Digifly Leonardo/Air track download");
+          result = DownloadLeonardoTrackLog();
           break;
         case kGpsIqBasic:
           result = NotInThisBuild("IQ Basic track download");
@@ -280,7 +281,7 @@ void MainProgram() {
           NotInThisBuild("Ascent track download");
           break;
         case kGpsLeonardo:
-          NotInThisBuild("Digifly Leonardo/Air track download");
+          DownloadLeonardoBulkTrackLog();
           break;
         case kGpsGalileo:
           DownloadGalileoBulkTrackLog();

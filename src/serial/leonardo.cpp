@@ -117,23 +117,6 @@ bool ParseTypedNumber(const char* line, int32_t* number) {
   return true;
 }
 
-uint32_t CurrentGpsTime() {
-  SystemTime now;
-  GetDownloadTime(&now);
-  return ConvertSystemTimeToGpsTime(&now);
-}
-
-void ReleaseTrack() {
-  std::free(tGps.pbRawLog);
-  tGps.pbRawLog = nullptr;
-  tGps.nRawLogSize = 0;
-  tGps.nRawLogLength = 0;
-  std::free(tGps.pTrackPoints);
-  tGps.pTrackPoints = nullptr;
-  tGps.nTrackCapacity = 0;
-  tGps.nTrackPoints = 0;
-}
-
 void PrintFlight(int32_t number, const FlightEntry& f) {
   SystemTime start;
   ConvertGpsTimeToSystemTime(f.takeoff - kInstrumentEpochOffset, &start);
@@ -452,7 +435,7 @@ int32_t ReadTrackLog(LeonardoTransfer* t, int32_t flightNumber) {
     std::printf("Bad memory range for flight %d\n", flightNumber);
     return -1;
   }
-  ReleaseTrack();
+  ReleaseTrackLog();
   // One update a block: a block takes most of a second at the line speed.
   ProgressCounter progress("Points: ", 0);
   for (int32_t block = flight.startBlock; block <= flight.lastBlock; ++block) {
@@ -467,7 +450,7 @@ int32_t ReadTrackLog(LeonardoTransfer* t, int32_t flightNumber) {
   tGps.bUtc = 1;
   tGps.bSignature = 1;
   tGps.bPressureAltitude = 1;
-  tGps.dwDownloadTime = CurrentGpsTime();
+  tGps.dwDownloadTime = GetCurrentGpsTime();
   return 0;
 }
 
@@ -477,7 +460,7 @@ int32_t ReadAllTrackLogs(LeonardoTransfer* t, int32_t (*save)()) {
     result = ReadTrackLog(t, number);
     if (result < 0) break;
     save();
-    ReleaseTrack();
+    ReleaseTrackLog();
   }
   return result;
 }

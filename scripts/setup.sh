@@ -8,6 +8,7 @@ packages=(
   libhidapi-dev libusb-1.0-0-dev
   googletest libgtest-dev libgmock-dev libbenchmark-dev
   libgeographiclib-dev zlib1g-dev libssl-dev libxml2-utils gpsbabel
+  clang-14 libclang-rt-14-dev llvm-14
 )
 
 missing=()

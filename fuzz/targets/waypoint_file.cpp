@@ -1,0 +1,27 @@
+// The waypoint upload's reader from the file on: reading, recognising the
+// format by its first bytes, decoding.
+// fuzz-seeds: tests/data/waypoints fuzz/seeds/waypoint_text
+// fuzz-dict: waypoints.dict
+// fuzz-max-len: 8192
+
+#include <cstdint>
+#include <cstdio>
+#include <string>
+
+#include "driver/main.h"
+#include "fuzz_support.h"
+#include "output/file.h"
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  static const std::string path = fuzz::WorkDirectory() + "/points.wpt";
+  fuzz::WriteWholeFile(path, data, size);
+  fuzz::FreshRunParameters();
+  tGps.dwCommand = kCommandUploadWaypoints;
+  std::snprintf(tGps.szFileName, sizeof tGps.szFileName, "%s", path.c_str());
+
+  const int32_t result = ReadWaypointFile();
+  FUZZ_CHECK(result == 0 || result == -1);
+  FUZZ_CHECK((result == 0) == (tGps.nWaypoints > 0));
+  FUZZ_CHECK(result == 0 || tGps.pWaypoints == nullptr);
+  return 0;
+}

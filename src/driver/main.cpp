@@ -12,7 +12,10 @@
 #include "driver/cmd.h"
 #include "driver/config.h"
 #include "output/file.h"
+#include "serial/ascent.h"
 #include "serial/galileo.h"
+#include "serial/iqbasic.h"
+#include "serial/mlr.h"
 
 RunParameters tGps;
 std::atomic<int32_t> restartTask{0};
@@ -241,13 +244,13 @@ void MainProgram() {
           result = NotInThisBuild("Digifly Leonardo/Air track download");
           break;
         case kGpsIqBasic:
-          result = NotInThisBuild("IQ Basic track download");
+          result = DownloadIqBasicTrackLog();
           break;
         case kGpsAscent:
-          result = NotInThisBuild("Ascent track download");
+          result = DownloadAscentTrackLog();
           break;
         case kGpsMlr:
-          result = NotInThisBuild("MLR track download");
+          result = DownloadMlrTrackLog();
           break;
         case kGpsSyride:
           result = NotInThisBuild("Syride track download");
@@ -266,7 +269,7 @@ void MainProgram() {
           NotInThisBuild("Flymaster track download");
           break;
         case kGpsAscent:
-          NotInThisBuild("Ascent track download");
+          DownloadAscentBulkTrackLog();
           break;
         case kGpsLeonardo:
           NotInThisBuild("Digifly Leonardo/Air track download");

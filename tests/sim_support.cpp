@@ -9,6 +9,9 @@
 #include <thread>
 
 #include "driver/main.h"
+#include "sim/ascent.h"
+#include "sim/iqbasic.h"
+#include "sim/mlr.h"
 
 namespace test {
 
@@ -50,6 +53,41 @@ std::vector<std::string> FlytecRig::Commands() const {
   return texts;
 }
 
+std::unique_ptr<sim::Instrument> MakeInstrument(const std::string& family, const sim::InstrumentSettings& settings) {
+  const sim::Family* f = sim::FindFamily(family);
+  if (f == nullptr) throw std::runtime_error("unknown family " + family);
+  return f->create(settings);
+}
+
+SimRig::SimRig(const std::string& family, sim::InstrumentSettings settings, std::vector<sim::LineFault> faults)
+    : SimRig(MakeInstrument(family, settings), std::move(faults)) {}
+
+SimRig::SimRig(std::unique_ptr<sim::Instrument> instrument, std::vector<sim::LineFault> faults)
+    : instrument_(instrument.get()), simulator_(std::move(instrument), 0, std::move(faults)) {
+  simulator_.SetTrace([this](const std::string& text) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    trace_.push_back(text);
+  });
+  if (simulator_.Start() != 0) throw std::runtime_error(simulator_.error());
+}
+
+void SimRig::Connect(int32_t gpsType) const {
+  std::snprintf(tGps.szComPort, sizeof tGps.szComPort, "%s", simulator_.path().c_str());
+  tGps.dwGpsType = gpsType;
+}
+
+std::vector<std::string> SimRig::Trace() const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return trace_;
+}
+
+std::string GpsSwitch(const std::string& family) {
+  if (family == "iqbasic") return "-giq";
+  if (family == "ascent") return "-gas";
+  if (family == "mlr") return "-gm";
+  return "-gc";
+}
+
 std::string UniquePortName() {
   static std::atomic<int> counter{0};
   return "kx" + std::to_string(getpid()) + "-" + std::to_string(counter++);
@@ -60,11 +98,27 @@ std::string PortLinkProblem() {
   return probe.ok() ? "" : probe.error();
 }
 
+namespace {
+
+// What the instrument took as commands, in its own terms.
+std::vector<std::string> CommandsOf(const SimRig& rig, const std::string& family) {
+  if (family == "iqbasic") return rig.instrument<sim::iqbasic::IqBasicInstrument>().commands();
+  if (family == "ascent") return rig.instrument<sim::ascent::AscentInstrument>().requests();
+  if (family == "mlr") return rig.instrument<sim::mlr::MlrInstrument>().commands();
+  std::vector<std::string> texts;
+  for (const sim::galileo::Command& c : rig.instrument<sim::galileo::FlytecInstrument>().commands()) {
+    texts.push_back(c.text);
+  }
+  return texts;
+}
+
+}  // namespace
+
 void RunScenarios(std::vector<Scenario>* scenarios) {
   std::vector<std::thread> threads;
   for (Scenario& s : *scenarios) {
     threads.emplace_back([&s] {
-      FlytecRig rig(s.settings, s.faults);
+      SimRig rig(s.family, s.settings, s.faults);
       s.port = UniquePortName();
       sim::PortLink link(s.port, rig.simulator().path());
       if (!link.ok()) {
@@ -72,11 +126,13 @@ void RunScenarios(std::vector<Scenario>* scenarios) {
         return;
       }
       TempDir dir;
-      std::vector<std::string> args = {"-gc", "-cu." + s.port};
+      std::vector<std::string> args = {GpsSwitch(s.family), "-cu." + s.port};
       args.insert(args.end(), s.args.begin(), s.args.end());
       s.result = RunKestrix(args, dir.path(), s.input);
       rig.Stop();
-      s.commands = rig.Commands();
+      s.commands = CommandsOf(rig, s.family);
+      s.received = rig.simulator().ReceivedBytes();
+      s.trace = rig.Trace();
       for (const auto& entry : std::filesystem::directory_iterator(dir.path())) {
         s.files.push_back(entry.path().filename().string());
       }

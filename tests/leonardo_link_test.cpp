@@ -316,11 +316,11 @@ class LeonardoCommandLine : public testing::Test {
 test::Scenario Case(const std::string& label, sim::InstrumentSettings settings, std::vector<std::string> args,
                    std::vector<sim::LineFault> faults = {}, const std::string& input = "") {
   return {.label = label,
+          .family = "leonardo",
           .settings = std::move(settings),
           .faults = std::move(faults),
           .args = std::move(args),
-          .input = input,
-          .family = "leonardo"};
+          .input = input};
 }
 
 // The program's own port lines around `middle`.

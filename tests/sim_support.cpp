@@ -13,6 +13,9 @@
 #include <thread>
 
 #include "driver/main.h"
+#include "sim/ascent.h"
+#include "sim/iqbasic.h"
+#include "sim/mlr.h"
 
 namespace test {
 
@@ -52,6 +55,42 @@ std::vector<std::string> FlytecRig::Commands() const {
   std::vector<std::string> texts;
   for (const sim::galileo::Command& c : instrument_->commands()) texts.push_back(c.text);
   return texts;
+}
+
+std::unique_ptr<sim::Instrument> MakeInstrument(const std::string& family, const sim::InstrumentSettings& settings) {
+  const sim::Family* f = sim::FindFamily(family);
+  if (f == nullptr) throw std::runtime_error("unknown family " + family);
+  return f->create(settings);
+}
+
+SimRig::SimRig(const std::string& family, sim::InstrumentSettings settings, std::vector<sim::LineFault> faults)
+    : SimRig(MakeInstrument(family, settings), std::move(faults)) {}
+
+SimRig::SimRig(std::unique_ptr<sim::Instrument> instrument, std::vector<sim::LineFault> faults)
+    : instrument_(instrument.get()), simulator_(std::move(instrument), 0, std::move(faults)) {
+  simulator_.SetTrace([this](const std::string& text) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    trace_.push_back(text);
+  });
+  if (simulator_.Start() != 0) throw std::runtime_error(simulator_.error());
+}
+
+void SimRig::Connect(int32_t gpsType) const {
+  std::snprintf(tGps.szComPort, sizeof tGps.szComPort, "%s", simulator_.path().c_str());
+  tGps.dwGpsType = gpsType;
+}
+
+std::vector<std::string> SimRig::Trace() const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return trace_;
+}
+
+std::string GpsSwitch(const std::string& family) {
+  if (family == "iqbasic") return "-giq";
+  if (family == "ascent") return "-gas";
+  if (family == "mlr") return "-gm";
+  if (family == "leonardo") return "-gda";
+  return "-gc";
 }
 
 std::string UniquePortName() {
@@ -120,15 +159,6 @@ std::string SimProgram::Stop(int* status) {
 
 namespace {
 
-// The instrument type switch for a simulator family.
-std::string GpsSwitch(const std::string& family) {
-  static const std::pair<const char*, const char*> kSwitches[] = {{"flytec", "-gc"}, {"leonardo", "-gda"}};
-  for (const auto& [name, option] : kSwitches) {
-    if (family == name) return option;
-  }
-  throw std::runtime_error("no switch known for simulator family " + family);
-}
-
 // The command lines an instrument received: line ends, XON and XOFF and
 // empty lines dropped.
 std::vector<std::string> CommandLines(const std::string& bytes) {
@@ -145,32 +175,40 @@ std::vector<std::string> CommandLines(const std::string& bytes) {
   return lines;
 }
 
+// What the instrument took as commands, in its own terms.
+std::vector<std::string> CommandsOf(SimRig& rig, const std::string& family) {
+  if (family == "iqbasic") return rig.instrument<sim::iqbasic::IqBasicInstrument>().commands();
+  if (family == "ascent") return rig.instrument<sim::ascent::AscentInstrument>().requests();
+  if (family == "mlr") return rig.instrument<sim::mlr::MlrInstrument>().commands();
+  if (family == "leonardo") return CommandLines(rig.simulator().ReceivedBytes());
+  std::vector<std::string> texts;
+  for (const sim::galileo::Command& c : rig.instrument<sim::galileo::FlytecInstrument>().commands()) {
+    texts.push_back(c.text);
+  }
+  return texts;
+}
+
 }  // namespace
 
 void RunScenarios(std::vector<Scenario>* scenarios) {
   std::vector<std::thread> threads;
   for (Scenario& s : *scenarios) {
-    const sim::Family* family = sim::FindFamily(s.family);
-    if (family == nullptr) throw std::runtime_error("unknown simulator family " + s.family);
-    std::vector<std::string> args = {GpsSwitch(s.family)};
-    threads.emplace_back([&s, family, args]() mutable {
-      sim::Simulator simulator(family->create(s.settings), 0, s.faults);
-      if (simulator.Start() != 0) {
-        s.result.out = simulator.error();
-        return;
-      }
+    threads.emplace_back([&s] {
+      SimRig rig(s.family, s.settings, s.faults);
       s.port = UniquePortName();
-      sim::PortLink link(s.port, simulator.path());
+      sim::PortLink link(s.port, rig.simulator().path());
       if (!link.ok()) {
         s.result.out = link.error();
         return;
       }
       TempDir dir;
-      args.push_back("-cu." + s.port);
+      std::vector<std::string> args = {GpsSwitch(s.family), "-cu." + s.port};
       args.insert(args.end(), s.args.begin(), s.args.end());
       s.result = RunKestrix(args, dir.path(), s.input);
-      simulator.Stop();
-      s.commands = CommandLines(simulator.ReceivedBytes());
+      rig.Stop();
+      s.commands = CommandsOf(rig, s.family);
+      s.received = rig.simulator().ReceivedBytes();
+      s.trace = rig.Trace();
       for (const auto& entry : std::filesystem::directory_iterator(dir.path())) {
         s.files.push_back(entry.path().filename().string());
       }

@@ -12,8 +12,12 @@
 #include "driver/cmd.h"
 #include "driver/config.h"
 #include "output/file.h"
+#include "serial/ascent.h"
 #include "serial/galileo.h"
 #include "serial/leonardo.h"
+#include "serial/iqbasic.h"
+#include "serial/mlr.h"
+#include "usb/syride.h"
 
 RunParameters tGps;
 std::atomic<int32_t> restartTask{0};
@@ -253,16 +257,16 @@ void MainProgram() {
           result = DownloadLeonardoTrackLog();
           break;
         case kGpsIqBasic:
-          result = NotInThisBuild("IQ Basic track download");
+          result = DownloadIqBasicTrackLog();
           break;
         case kGpsAscent:
-          result = NotInThisBuild("Ascent track download");
+          result = DownloadAscentTrackLog();
           break;
         case kGpsMlr:
-          result = NotInThisBuild("MLR track download");
+          result = DownloadMlrTrackLog();
           break;
         case kGpsSyride:
-          result = NotInThisBuild("Syride track download");
+          result = DownloadSyrideTrackLog();
           break;
         default:
           std::printf("No GPS type specified\n");
@@ -278,7 +282,7 @@ void MainProgram() {
           NotInThisBuild("Flymaster track download");
           break;
         case kGpsAscent:
-          NotInThisBuild("Ascent track download");
+          DownloadAscentBulkTrackLog();
           break;
         case kGpsLeonardo:
           DownloadLeonardoBulkTrackLog();
@@ -287,7 +291,7 @@ void MainProgram() {
           DownloadGalileoBulkTrackLog();
           break;
         case kGpsSyride:
-          NotInThisBuild("Syride track download");
+          DownloadSyrideBulkTrackLog();
           break;
         default:
           std::printf("No/unsupported GPS type specified\n");

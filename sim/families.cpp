@@ -1,5 +1,9 @@
 // The families the simulator serves: one module each, one row here.
+#include "sim/ascent.h"
 #include "sim/galileo.h"
+#include "sim/iqbasic.h"
+#include "sim/mlr.h"
+#include "sim/leonardo.h"
 #include "sim/sim.h"
 
 namespace sim {
@@ -7,6 +11,10 @@ namespace sim {
 const std::vector<Family>& Families() {
   static const std::vector<Family> families = {
       {"flytec", galileo::kBaud, galileo::kFaultHelp, galileo::Create},
+      {"iqbasic", iqbasic::kBaud, iqbasic::kFaultHelp, iqbasic::Create},
+      {"ascent", ascent::kBaud, ascent::kFaultHelp, ascent::Create},
+      {"mlr", mlr::kBaud, mlr::kFaultHelp, mlr::Create},
+      {"leonardo", leonardo::kBaud, leonardo::kFaultHelp, leonardo::Create},
   };
   return families;
 }

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/time.h>
+#include <termios.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -89,6 +90,30 @@ void Line::BeginReply() {
 void Line::Note(const std::string& text) {
   if (trace_) trace_(text);
 }
+
+int32_t Line::Speed() const {
+  // A pseudo-terminal has one set of settings: the program's end shows here.
+  termios settings{};
+  if (fd_ < 0 || tcgetattr(fd_, &settings) != 0) return 0;
+  switch (cfgetispeed(&settings)) {
+    case B4800:
+      return 4800;
+    case B9600:
+      return 9600;
+    case B19200:
+      return 19200;
+    case B38400:
+      return 38400;
+    case B57600:
+      return 57600;
+    case B115200:
+      return 115200;
+    default:
+      return 0;
+  }
+}
+
+bool Line::Stopping() const { return stop_ != nullptr && stop_->load(); }
 
 void Line::Pace(size_t bytes) {
   if (baud_ <= 0) return;
@@ -206,25 +231,40 @@ void Simulator::Stop() {
   }
 }
 
+void Simulator::Settle(int limitMs) {
+  if (!thread_.joinable()) return;
+  int ticket = ++settleRequests_;
+  for (int waited = 0; waited < limitMs && settled_.load() < ticket; waited += 5) usleep(5000);
+}
+
 void Simulator::Serve() {
   char buffer[4096];
+  // Reads one chunk and hands it on; the result of the read.
+  auto take = [this, &buffer]() {
+    ssize_t n = read(master_, buffer, sizeof buffer);
+    if (n <= 0) return n;
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      received_.push_back(Chunk{NowMicros(), std::string(buffer, static_cast<size_t>(n))});
+    }
+    for (ssize_t i = 0; i < n && !stop_; ++i) instrument_->Receive(static_cast<uint8_t>(buffer[i]), line_);
+    return n;
+  };
   while (!stop_) {
     pollfd p{master_, POLLIN, 0};
     int ready = poll(&p, 1, kPollMilliseconds);
-    if (ready <= 0) continue;
-    if (p.revents & POLLIN) {
-      ssize_t n = read(master_, buffer, sizeof buffer);
-      if (n > 0) {
-        {
-          std::lock_guard<std::mutex> lock(mutex_);
-          received_.push_back(Chunk{NowMicros(), std::string(buffer, static_cast<size_t>(n))});
-        }
-        for (ssize_t i = 0; i < n && !stop_; ++i) instrument_->Receive(static_cast<uint8_t>(buffer[i]), line_);
-        continue;
-      }
+    if (ready > 0 && (p.revents & POLLIN) && take() > 0) continue;
+    int requested = settleRequests_.load();
+    if (settled_.load() < requested) {
+      // A read flushes what is still on its way into the terminal's queue;
+      // it fails with EIO only once the program has closed its end and
+      // everything it sent has been taken.
+      ssize_t n = take();
+      if (n > 0) continue;
+      if (n < 0 && errno == EIO) settled_ = requested;
     }
     // No program on the other end: wait for the next one.
-    usleep(10000);
+    if (ready > 0) usleep(10000);
   }
 }
 

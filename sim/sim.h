@@ -69,6 +69,10 @@ class Line {
   bool Send(std::string_view bytes);
   // A line for the simulator's trace (kestrix-sim prints it).
   void Note(const std::string& text);
+  // The speed the program has set on its end of the line (baud), 0 when unknown.
+  int32_t Speed() const;
+  // True once the simulator is stopping: waits should end.
+  bool Stopping() const;
 
  private:
   friend class Simulator;
@@ -128,6 +132,10 @@ class Simulator {
   // Stops serving and closes the terminal; the instrument may then be
   // inspected without locks.
   void Stop();
+  // Once the program has closed its end: waits, at most `limitMs`, until
+  // everything it sent has been read and handed to the instrument, so that
+  // Stop() cuts nothing short.
+  void Settle(int limitMs = 5000);
 
   const std::string& path() const { return path_; }  // the program's end
   const std::string& error() const { return error_; }
@@ -146,6 +154,8 @@ class Simulator {
   std::string path_;
   std::string error_;
   std::atomic<bool> stop_{false};
+  std::atomic<int> settleRequests_{0};
+  std::atomic<int> settled_{0};  // the last request answered
   std::thread thread_;
   mutable std::mutex mutex_;
   std::vector<Chunk> received_;

@@ -1,5 +1,9 @@
 #include "sim_support.h"
 
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -9,6 +13,9 @@
 #include <thread>
 
 #include "driver/main.h"
+#include "sim/ascent.h"
+#include "sim/iqbasic.h"
+#include "sim/mlr.h"
 
 namespace test {
 
@@ -50,6 +57,42 @@ std::vector<std::string> FlytecRig::Commands() const {
   return texts;
 }
 
+std::unique_ptr<sim::Instrument> MakeInstrument(const std::string& family, const sim::InstrumentSettings& settings) {
+  const sim::Family* f = sim::FindFamily(family);
+  if (f == nullptr) throw std::runtime_error("unknown family " + family);
+  return f->create(settings);
+}
+
+SimRig::SimRig(const std::string& family, sim::InstrumentSettings settings, std::vector<sim::LineFault> faults)
+    : SimRig(MakeInstrument(family, settings), std::move(faults)) {}
+
+SimRig::SimRig(std::unique_ptr<sim::Instrument> instrument, std::vector<sim::LineFault> faults)
+    : instrument_(instrument.get()), simulator_(std::move(instrument), 0, std::move(faults)) {
+  simulator_.SetTrace([this](const std::string& text) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    trace_.push_back(text);
+  });
+  if (simulator_.Start() != 0) throw std::runtime_error(simulator_.error());
+}
+
+void SimRig::Connect(int32_t gpsType) const {
+  std::snprintf(tGps.szComPort, sizeof tGps.szComPort, "%s", simulator_.path().c_str());
+  tGps.dwGpsType = gpsType;
+}
+
+std::vector<std::string> SimRig::Trace() const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return trace_;
+}
+
+std::string GpsSwitch(const std::string& family) {
+  if (family == "iqbasic") return "-giq";
+  if (family == "ascent") return "-gas";
+  if (family == "mlr") return "-gm";
+  if (family == "leonardo") return "-gda";
+  return "-gc";
+}
+
 std::string UniquePortName() {
   static std::atomic<int> counter{0};
   return "kx" + std::to_string(getpid()) + "-" + std::to_string(counter++);
@@ -60,11 +103,98 @@ std::string PortLinkProblem() {
   return probe.ok() ? "" : probe.error();
 }
 
+SimProgram::SimProgram(const std::vector<std::string>& args) {
+  int out[2];
+  if (pipe2(out, O_CLOEXEC) != 0) throw std::runtime_error("pipe failed");
+  // Nothing is allocated after the fork (see RunKestrix).
+  std::string program = KESTRIX_SIM_EXE;
+  std::vector<std::string> copies = args;
+  std::vector<char*> argv;
+  argv.push_back(program.data());
+  for (std::string& a : copies) argv.push_back(a.data());
+  argv.push_back(nullptr);
+  pid_t pid = fork();
+  if (pid < 0) throw std::runtime_error("fork failed");
+  if (pid == 0) {
+    dup2(out[1], STDOUT_FILENO);
+    execv(program.c_str(), argv.data());
+    _exit(127);
+  }
+  close(out[1]);
+  pid_ = pid;
+  out_ = out[0];
+  greeting_ = ReadUntil("Stop with Ctrl-C\n");
+}
+
+SimProgram::~SimProgram() {
+  if (pid_ < 0) return;
+  int status = 0;
+  Stop(&status);
+}
+
+std::string SimProgram::ReadUntil(const std::string& marker) {
+  std::string text;
+  uint64_t start = sim::NowMicros();
+  while (text.find(marker) == std::string::npos && sim::NowMicros() - start < 10000000) {
+    pollfd p{out_, POLLIN, 0};
+    if (poll(&p, 1, 100) <= 0) continue;
+    char buffer[512];
+    ssize_t n = read(out_, buffer, sizeof buffer);
+    if (n <= 0) break;
+    text.append(buffer, static_cast<size_t>(n));
+  }
+  return text;
+}
+
+std::string SimProgram::Stop(int* status) {
+  kill(pid_, SIGTERM);
+  std::string trace = ReadUntil("Stopped\n");
+  int raw = 0;
+  waitpid(pid_, &raw, 0);
+  close(out_);
+  pid_ = -1;
+  *status = WIFEXITED(raw) ? WEXITSTATUS(raw) : -1;
+  return trace;
+}
+
+namespace {
+
+// The command lines an instrument received: line ends, XON and XOFF and
+// empty lines dropped.
+std::vector<std::string> CommandLines(const std::string& bytes) {
+  std::vector<std::string> lines;
+  std::string line;
+  for (char c : bytes) {
+    if (c == '\n') {
+      if (!line.empty()) lines.push_back(line);
+      line.clear();
+    } else if (c != '\r' && c != 0x11 && c != 0x13) {
+      line += c;
+    }
+  }
+  return lines;
+}
+
+// What the instrument took as commands, in its own terms.
+std::vector<std::string> CommandsOf(SimRig& rig, const std::string& family) {
+  if (family == "iqbasic") return rig.instrument<sim::iqbasic::IqBasicInstrument>().commands();
+  if (family == "ascent") return rig.instrument<sim::ascent::AscentInstrument>().requests();
+  if (family == "mlr") return rig.instrument<sim::mlr::MlrInstrument>().commands();
+  if (family == "leonardo") return CommandLines(rig.simulator().ReceivedBytes());
+  std::vector<std::string> texts;
+  for (const sim::galileo::Command& c : rig.instrument<sim::galileo::FlytecInstrument>().commands()) {
+    texts.push_back(c.text);
+  }
+  return texts;
+}
+
+}  // namespace
+
 void RunScenarios(std::vector<Scenario>* scenarios) {
   std::vector<std::thread> threads;
   for (Scenario& s : *scenarios) {
     threads.emplace_back([&s] {
-      FlytecRig rig(s.settings, s.faults);
+      SimRig rig(s.family, s.settings, s.faults);
       s.port = UniquePortName();
       sim::PortLink link(s.port, rig.simulator().path());
       if (!link.ok()) {
@@ -72,11 +202,13 @@ void RunScenarios(std::vector<Scenario>* scenarios) {
         return;
       }
       TempDir dir;
-      std::vector<std::string> args = {"-gc", "-cu." + s.port};
+      std::vector<std::string> args = {GpsSwitch(s.family), "-cu." + s.port};
       args.insert(args.end(), s.args.begin(), s.args.end());
       s.result = RunKestrix(args, dir.path(), s.input);
       rig.Stop();
-      s.commands = rig.Commands();
+      s.commands = CommandsOf(rig, s.family);
+      s.received = rig.simulator().ReceivedBytes();
+      s.trace = rig.Trace();
       for (const auto& entry : std::filesystem::directory_iterator(dir.path())) {
         s.files.push_back(entry.path().filename().string());
         if (entry.is_regular_file()) s.contents[s.files.back()] = ReadFile(entry.path().string());

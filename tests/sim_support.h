@@ -4,6 +4,7 @@
 
 #include <map>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -37,12 +38,49 @@ class FlytecRig {
   sim::Simulator simulator_;
 };
 
+// An instrument of any simulated family on a pseudo-terminal, served flat
+// out, with its trace kept.
+class SimRig {
+ public:
+  SimRig(const std::string& family, sim::InstrumentSettings settings, std::vector<sim::LineFault> faults = {});
+  // Points the run parameters at the rig: the port and the instrument type.
+  void Connect(int32_t gpsType) const;
+  // Once the program has closed the port: lets the instrument take all it
+  // was sent, then stops serving.
+  void Stop() {
+    simulator_.Settle();
+    simulator_.Stop();
+  }
+  // The family's own instrument class; read it after Stop().
+  template <typename T>
+  const T& instrument() const {
+    return dynamic_cast<const T&>(*instrument_);
+  }
+  sim::Simulator& simulator() { return simulator_; }
+  std::vector<std::string> Trace() const;
+
+ private:
+  SimRig(std::unique_ptr<sim::Instrument> instrument, std::vector<sim::LineFault> faults);
+
+  sim::Instrument* instrument_;
+  sim::Simulator simulator_;
+  mutable std::mutex mutex_;
+  std::vector<std::string> trace_;
+};
+
+// A new instrument of the named family; throws when there is none.
+std::unique_ptr<sim::Instrument> MakeInstrument(const std::string& family, const sim::InstrumentSettings& settings);
+
+// The -g switch of a simulated family ("flytec", "iqbasic", "ascent", "mlr", "leonardo").
+std::string GpsSwitch(const std::string& family);
+
 // One run of the program against its own simulated instrument.
 struct Scenario {
   std::string label{};
+  std::string family = "flytec";
   sim::InstrumentSettings settings{};
   std::vector<sim::LineFault> faults{};
-  std::vector<std::string> args{};  // after "-gc -cu.<port>"
+  std::vector<std::string> args{};  // after the family's "-g" switch and "-cu.<port>"
   std::string input{};              // typed at the console
   // Filled in by RunScenarios.
   std::string port{};
@@ -50,12 +88,37 @@ struct Scenario {
   std::vector<std::string> commands{};
   std::vector<std::string> files{};               // what the run left in its folder
   std::map<std::string, std::string> contents{};  // and what its regular files hold
+  std::string received{};                         // every byte the program sent
+  std::vector<std::string> trace{};               // the instrument's notes
 };
 
 // Empty when /dev/cu.<name> links can be made here; else why not.
 std::string PortLinkProblem();
 // A name for /dev/cu.<name> that no other test uses.
 std::string UniquePortName();
+// kestrix-sim as a user runs it, in the background.
+class SimProgram {
+ public:
+  // Starts it with `args` (the family first) and waits up to ten seconds
+  // for its greeting, which ends in "Stop with Ctrl-C\n".
+  explicit SimProgram(const std::vector<std::string>& args);
+  // Stops it if Stop() was not called.
+  ~SimProgram();
+  SimProgram(const SimProgram&) = delete;
+  SimProgram& operator=(const SimProgram&) = delete;
+  const std::string& greeting() const { return greeting_; }
+  // Stops it with SIGTERM and returns what it printed after the greeting
+  // up to its "Stopped\n"; `status` gets its exit status (-1: no normal exit).
+  std::string Stop(int* status);
+
+ private:
+  std::string ReadUntil(const std::string& marker);
+
+  int pid_ = -1;
+  int out_ = -1;
+  std::string greeting_;
+};
+
 // Runs every scenario at the same time, each with its own instrument and
 // folder, so that the silence limits are waited out once.
 void RunScenarios(std::vector<Scenario>* scenarios);

@@ -192,32 +192,9 @@ TEST_F(PortLinks, ReplaceStaleTerminalLinksOnlyAndCleanUpAfterThemselves) {
 TEST_F(PortLinks, KestrixSimServesAFlightUntilStopped) {
   std::string port = test::UniquePortName();
   std::string flight = std::string(KESTRIX_TEST_DATA) + "/igc/pg-iqbasic-8s.igc";
-  int out[2];
-  ASSERT_EQ(pipe2(out, O_CLOEXEC), 0);
-  pid_t pid = fork();
-  ASSERT_GE(pid, 0);
-  if (pid == 0) {
-    dup2(out[1], STDOUT_FILENO);
-    execl(KESTRIX_SIM_EXE, KESTRIX_SIM_EXE, "flytec", "--model", "COMPETINO+", "--flights", flight.c_str(),
-          "--flat", "--port", port.c_str(), static_cast<char*>(nullptr));
-    _exit(127);
-  }
-  close(out[1]);
-  auto readUntil = [&out](const std::string& marker) {
-    std::string text;
-    uint64_t start = sim::NowMicros();
-    while (text.find(marker) == std::string::npos && sim::NowMicros() - start < 10000000) {
-      pollfd p{out[0], POLLIN, 0};
-      if (poll(&p, 1, 100) <= 0) continue;
-      char buffer[512];
-      ssize_t n = read(out[0], buffer, sizeof buffer);
-      if (n <= 0) break;
-      text.append(buffer, static_cast<size_t>(n));
-    }
-    return text;
-  };
-  std::string greeting = readUntil("Stop with Ctrl-C\n");
-  EXPECT_NE(greeting.find("Linked /dev/cu." + port + " -> /dev/pts/"), std::string::npos) << greeting;
+  test::SimProgram simulator({"flytec", "--model", "COMPETINO+", "--flights", flight, "--flat", "--port", port});
+  EXPECT_NE(simulator.greeting().find("Linked /dev/cu." + port + " -> /dev/pts/"), std::string::npos)
+      << simulator.greeting();
 
   test::TempDir dir;
   test::RunResult r = test::RunKestrix({"-gc", "-cu." + port, "-f1", "-l"}, dir.path());
@@ -226,12 +203,9 @@ TEST_F(PortLinks, KestrixSimServesAFlightUntilStopped) {
       << r.out;
   EXPECT_NE(r.out.find("194\nExiting COM thread\n"), std::string::npos) << r.out;
 
-  kill(pid, SIGTERM);
-  std::string trace = readUntil("Stopped\n");
-  int status = 0;
-  waitpid(pid, &status, 0);
-  close(out[0]);
-  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+  int status = -1;
+  std::string trace = simulator.Stop(&status);
+  EXPECT_EQ(status, 0);
   EXPECT_EQ(trace,
             "<- $PBRSNP,*21\n-> product COMPETINO+ 3.25\n<- $PBRTL,*74\n-> list of 1 flights\n"
             "<- $PBRTR,00*6A\n-> flight 1 (10189 bytes)\nStopped\n");

@@ -13,7 +13,11 @@
 #include "driver/config.h"
 #include "igc/igc.h"
 #include "output/file.h"
+#include "serial/ascent.h"
 #include "serial/galileo.h"
+#include "serial/leonardo.h"
+#include "serial/iqbasic.h"
+#include "serial/mlr.h"
 #include "usb/syride.h"
 
 RunParameters tGps;
@@ -247,16 +251,16 @@ void MainProgram() {
           result = DownloadGalileoTrackLog();
           break;
         case kGpsLeonardo:
-          result = NotInThisBuild("Digifly Leonardo/Air track download");
+          result = DownloadLeonardoTrackLog();
           break;
         case kGpsIqBasic:
-          result = NotInThisBuild("IQ Basic track download");
+          result = DownloadIqBasicTrackLog();
           break;
         case kGpsAscent:
-          result = NotInThisBuild("Ascent track download");
+          result = DownloadAscentTrackLog();
           break;
         case kGpsMlr:
-          result = NotInThisBuild("MLR track download");
+          result = DownloadMlrTrackLog();
           break;
         case kGpsSyride:
           result = DownloadSyrideTrackLog();
@@ -275,10 +279,10 @@ void MainProgram() {
           NotInThisBuild("Flymaster track download");
           break;
         case kGpsAscent:
-          NotInThisBuild("Ascent track download");
+          DownloadAscentBulkTrackLog();
           break;
         case kGpsLeonardo:
-          NotInThisBuild("Digifly Leonardo/Air track download");
+          DownloadLeonardoBulkTrackLog();
           break;
         case kGpsGalileo:
           DownloadGalileoBulkTrackLog();

@@ -1,0 +1,446 @@
+#include "serial/ascent.h"
+
+#include <unistd.h>
+
+#include <cerrno>
+#include <climits>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "driver/main.h"
+#include "geo/time.h"
+#include "igc/igc.h"
+#include "link/com.h"
+#include "output/file.h"
+
+namespace ascent {
+
+const uint8_t abGetProductData[1] = {0x01};
+const uint8_t abGetTrackList[2] = {0x03, 0x05};
+
+namespace {
+
+constexpr uint8_t kProductId = 0x02;
+constexpr uint8_t kListId = 0x05;
+constexpr uint8_t kPacketStart = 0x03;
+constexpr uint8_t kPacketRequest = 0x08;
+
+// Silences, in microseconds.
+constexpr int64_t kProductSilence = 1000000;
+constexpr int64_t kListTimeout = 2000000;
+constexpr int64_t kListMessageEnd = 100000;
+constexpr int64_t kPacketSilence = 2000000;
+constexpr useconds_t kAfterProduct = 500000;
+
+constexpr int32_t kSectionCapacities[kSections] = {1000, 1000, 10000, 1000, 1000};
+constexpr int32_t kLinesPerProgress = 500;
+constexpr int kSelectLineSize = 101;
+
+uint16_t Word(const uint8_t* bytes) { return static_cast<uint16_t>(bytes[0] << 8 | bytes[1]); }
+
+bool BulkMode() { return tGps.dwCommand == kCommandDownloadAllTracks; }
+
+// Microseconds since `since` on the wall clock; a clock set back counts as now.
+int64_t SilenceSince(uint64_t* since) {
+  uint64_t now = GetWallClockMicroseconds();
+  if (now < *since) *since = now;
+  return static_cast<int64_t>(now - *since);
+}
+
+void FreeSection(Section* s) {
+  std::free(s->data);
+  s->data = nullptr;
+  s->capacity = 0;
+  s->length = 0;
+}
+
+// Room for two more bytes at least: a line feed becomes CR LF.
+int32_t MakeRoom(Section* s) {
+  if (s->capacity - s->length >= 3) return 0;
+  int32_t wanted = s->capacity * 2;
+  auto* grown = static_cast<uint8_t*>(std::malloc(static_cast<size_t>(wanted)));
+  if (grown == nullptr) return -1;
+  std::memcpy(grown, s->data, static_cast<size_t>(s->length));
+  std::free(s->data);
+  s->data = grown;
+  s->capacity = wanted;
+  return 0;
+}
+
+void EndLine(Section* s, FlightTransfer* t) {
+  s->data[s->length++] = '\r';
+  s->data[s->length++] = '\n';
+  ++t->lines;
+}
+
+bool ParseTypedNumber(const char* line, int32_t* number) {
+  errno = 0;
+  char* end = nullptr;
+  long value = std::strtol(line, &end, 10);
+  if (end == line) return false;
+  if (value > INT32_MAX) value = INT32_MAX;
+  if (value < INT32_MIN) value = INT32_MIN;
+  *number = static_cast<int32_t>(value);
+  return true;
+}
+
+int32_t ChooseFlight(const Product* product) {
+  if (BulkMode()) return 0;
+  int32_t number = tGps.nFlightNumber;
+  if (number < 0) {
+    std::printf("Select: ");
+    std::fflush(stdout);
+    char typed[kSelectLineSize] = "";
+    GetUserInput(typed, sizeof typed);
+    if (!ParseTypedNumber(typed, &number)) {
+      std::printf("No flight number found\n");
+      return -1;
+    }
+  }
+  if (number < 1 || number > product->flightCount) {
+    std::printf("Flight number out of range\n");
+    return -1;
+  }
+  return number;
+}
+
+void SendPacketRequest(uint16_t trackId, uint8_t section) {
+  uint8_t request[5];
+  FormatPacketRequest(trackId, section, request);
+  WriteComData(request, sizeof request);
+}
+
+uint32_t CurrentGpsTime() {
+  SystemTime now;
+  GetDownloadTime(&now);
+  return ConvertSystemTimeToGpsTime(&now);
+}
+
+void ReleaseTrack() {
+  std::free(tGps.pbRawLog);
+  tGps.pbRawLog = nullptr;
+  tGps.nRawLogSize = 0;
+  tGps.nRawLogLength = 0;
+  std::free(tGps.pTrackPoints);
+  tGps.pTrackPoints = nullptr;
+  tGps.nTrackCapacity = 0;
+  tGps.nTrackPoints = 0;
+}
+
+}  // namespace
+
+bool IsSupportedFirmware(uint32_t firmware) { return (firmware >= 1356 && firmware <= 1999) || firmware >= 2368; }
+
+bool DecodeProductResponse(const uint8_t* r, Product* product, char* text, int32_t size) {
+  if (r[0] != kProductId) return false;
+  product->valueB = Word(r + 5);
+  product->firmware = Word(r + 7);
+  product->valueA = Word(r + 10);
+  product->supported = IsSupportedFirmware(product->firmware) ? 1 : 0;
+  std::snprintf(text, static_cast<size_t>(size), "Ascent, SNR %02X%02X%02X%02X, SW %d.%d", r[1], r[2], r[3], r[4],
+                product->firmware / 1000, product->firmware % 1000);
+  return true;
+}
+
+uint16_t BlockNumber(const uint8_t* message) { return Word(message + 1); }
+
+void StartList(ListState* list, Product* product) {
+  list->previousBlock = -1;
+  product->flightCount = 0;
+}
+
+int32_t DecodeListMessage(ListState* list, const uint8_t* m, Product* product, char* entry, int32_t size) {
+  entry[0] = '\0';
+  if (m[0] != kListId) return kListBadId;
+  uint16_t block = BlockNumber(m);
+  if (list->previousBlock < 0) {
+    if (block != 1) return kListIgnored;
+  } else if (block != 0 && block != static_cast<uint16_t>(list->previousBlock + 1)) {
+    return kListBadBlock;
+  }
+  list->previousBlock = block;
+  if (m[4] == 0 && m[5] == 0) return kListNoTracks;
+  if (product->flightCount < kMaxFlights) {
+    product->flightIds[product->flightCount++] = Word(m + 6);
+    int32_t seconds = Word(m + 13) * 60;
+    std::snprintf(entry, static_cast<size_t>(size), "%2d   %02d.%02d.%02d   %02d:%02d:00   %02d:%02d:%02d\n",
+                  product->flightCount, m[10], m[11], m[12], m[8], m[9], seconds / 3600, seconds / 60 % 60,
+                  seconds % 60);
+  }
+  return kListTaken;
+}
+
+FlightTransfer::FlightTransfer() : sections{}, state(0), section(0), remaining(0), filler(0), lines(0) {}
+
+FlightTransfer::~FlightTransfer() {
+  for (Section& s : sections) FreeSection(&s);
+}
+
+int32_t AllocateSections(FlightTransfer* t) {
+  for (int i = 0; i < kSections; ++i) {
+    Section& s = t->sections[i];
+    FreeSection(&s);
+    s.number = i + 1;
+    s.data = static_cast<uint8_t*>(std::malloc(static_cast<size_t>(kSectionCapacities[i])));
+    if (s.data == nullptr) {
+      for (Section& each : t->sections) FreeSection(&each);
+      return -1;
+    }
+    s.capacity = kSectionCapacities[i];
+  }
+  t->state = 0;
+  t->section = 0;
+  t->lines = 0;
+  return 0;
+}
+
+int32_t DecodePacketByte(FlightTransfer* t, uint8_t b) {
+  switch (t->state) {
+    case 0:
+      if (b != kPacketStart) return kPacketBadStart;
+      t->state = 1;
+      return kPacketMore;
+    case 1:
+      if (b < 1 || b > kSections) return kPacketBadSection;
+      t->section = b;
+      t->state = 2;
+      return kPacketMore;
+    case 2:
+      t->remaining = b;
+      t->filler = kPacketRoom - b;
+      t->state = b > 0 ? 3 : 4;
+      return kPacketMore;
+    case 3: {
+      Section* s = &t->sections[t->section - 1];
+      if (MakeRoom(s) < 0) return kPacketNoMemory;
+      if (--t->remaining > 0) {
+        if (b == '\n') {
+          EndLine(s, t);
+        } else {
+          s->data[s->length++] = b;
+        }
+        return kPacketMore;
+      }
+      // Every packet ends a line, whether or not its text does.
+      if (b != '\n') s->data[s->length++] = b;
+      EndLine(s, t);
+      t->state = 4;
+      return kPacketMore;
+    }
+    case 4:
+      if (--t->filler > 0) return kPacketMore;
+      t->state = 0;
+      return t->section == kSections ? kFlightComplete : kPacketDone;
+    default:
+      return kPacketBadSection;
+  }
+}
+
+int32_t JoinSections(const FlightTransfer* t, uint8_t** text, int32_t* length) {
+  // The first section is not part of the text, yet it must have come.
+  for (int i = 0; i < 4; ++i) {
+    if (t->sections[i].length == 0) return -1;
+  }
+  int32_t total = t->sections[1].length + t->sections[2].length + t->sections[3].length;
+  auto* joined = static_cast<uint8_t*>(std::malloc(static_cast<size_t>(total)));
+  if (joined == nullptr) return -1;
+  int32_t at = 0;
+  for (int i = 1; i < 4; ++i) {
+    std::memcpy(joined + at, t->sections[i].data, static_cast<size_t>(t->sections[i].length));
+    at += t->sections[i].length;
+  }
+  *text = joined;
+  *length = total;
+  return 0;
+}
+
+void FormatPacketRequest(uint16_t trackId, uint8_t section, uint8_t* out) {
+  out[0] = kPacketStart;
+  out[1] = kPacketRequest;
+  out[2] = static_cast<uint8_t>(trackId >> 8);
+  out[3] = static_cast<uint8_t>(trackId & 0xFF);
+  out[4] = section;
+}
+
+int32_t ReadProductData(Product* product) {
+  FlushComFifo();
+  std::printf("Product: ");
+  std::fflush(stdout);
+  WriteComData(abGetProductData, sizeof abGetProductData);
+  // Bytes beyond the response's size are read and dropped.
+  uint8_t response[kProductResponseSize];
+  int32_t held = 0;
+  uint64_t last = GetWallClockMicroseconds();
+  for (;;) {
+    while (NonEmptyComFifoWithSleep(10)) {
+      uint8_t b = ReadComFifo();
+      last = GetWallClockMicroseconds();
+      if (held < kProductResponseSize) response[held++] = b;
+      if (held == kProductResponseSize &&
+          DecodeProductResponse(response, product, tGps.szProduct, sizeof tGps.szProduct)) {
+        std::printf("%s\n", tGps.szProduct);
+        usleep(kAfterProduct);
+        return 0;
+      }
+    }
+    if (SilenceSince(&last) > kProductSilence) {
+      std::printf("Timeout or invalid response\n");
+      return -1;
+    }
+  }
+}
+
+int32_t ReadTrackList(Product* product) {
+  FlushComFifo();
+  std::printf("Track list:\n");
+  ListState list;
+  StartList(&list, product);
+  WriteComData(abGetTrackList, sizeof abGetTrackList);
+  uint8_t message[kListMessageSize];
+  int32_t held = 0;
+  uint64_t last = GetWallClockMicroseconds();
+  for (;;) {
+    while (NonEmptyComFifoWithSleep(10)) {
+      uint8_t b = ReadComFifo();
+      last = GetWallClockMicroseconds();
+      if (held >= kListMessageSize) continue;
+      message[held++] = b;
+      if (held < kListMessageSize) continue;
+      char entry[64];
+      switch (DecodeListMessage(&list, message, product, entry, sizeof entry)) {
+        case kListBadId:
+          std::printf("Data error (bad message ID)\n");
+          return -1;
+        case kListBadBlock:
+          std::printf("Data error (bad block number)\n");
+          return -1;
+        case kListNoTracks:
+          std::printf("No tracks in list\n");
+          return -1;
+        default:
+          std::printf("%s", entry);
+          break;
+      }
+    }
+    int64_t silence = SilenceSince(&last);
+    if (held < kListMessageSize) {
+      if (silence > kListTimeout) {
+        std::printf("Timeout waiting for data\n");
+        return -1;
+      }
+    } else if (silence > kListMessageEnd) {
+      if (BlockNumber(message) == 0) break;
+      held = 0;
+      WriteComData(abGetTrackList, sizeof abGetTrackList);
+      last = GetWallClockMicroseconds();
+    }
+  }
+  if (product->flightCount == 0) {
+    std::printf("No tracks found\n");
+    return -1;
+  }
+  return ChooseFlight(product);
+}
+
+int32_t ReadIgcTrackLog(Product*, uint16_t trackId) {
+  FlightTransfer transfer;
+  if (AllocateSections(&transfer) < 0) {
+    std::printf("Memory allocation error\n");
+    return -1;
+  }
+  SendPacketRequest(trackId, 0);
+  ProgressCounter progress("Lines: ", 0);
+  uint64_t last = GetWallClockMicroseconds();
+  bool complete = false;
+  while (!complete && SilenceSince(&last) <= kPacketSilence) {
+    while (!complete && NonEmptyComFifoWithSleep(10)) {
+      uint8_t b = ReadComFifo();
+      last = GetWallClockMicroseconds();
+      int32_t result = DecodePacketByte(&transfer, b);
+      switch (result) {
+        case kPacketBadStart:
+          std::printf("Bad response in state 0 (0x%02x)\n", b);
+          return -1;
+        case kPacketBadSection:
+          std::printf("Bad response from GPS\n");
+          return -1;
+        case kPacketNoMemory:
+          std::printf("Memory allocation error\n");
+          return -1;
+        case kPacketDone:
+          SendPacketRequest(trackId, static_cast<uint8_t>(transfer.section));
+          break;
+        case kFlightComplete:
+          complete = true;
+          break;
+        default:
+          break;
+      }
+      if (transfer.lines > 0 && transfer.lines % kLinesPerProgress == 0) progress.Update(transfer.lines);
+    }
+  }
+
+  uint8_t* text = nullptr;
+  int32_t length = 0;
+  if (JoinSections(&transfer, &text, &length) < 0) {
+    std::printf("Missing IGC data block\n");
+    return -1;
+  }
+  for (Section& s : transfer.sections) FreeSection(&s);
+  if (!tGps.bScroll) std::printf("\n");
+
+  if (DecodeIgcBuffer(text, length, nullptr, 0) < 0) {
+    std::free(text);
+    return -1;
+  }
+  std::printf("Got %d points\n", tGps.nTrackPoints);
+  // Only the buffer's size carries the text's length: the length in use
+  // stays as it was, and the saving step reports and writes that many bytes.
+  std::free(tGps.pbRawLog);
+  tGps.pbRawLog = text;
+  tGps.nRawLogSize = length;
+  tGps.dwFirstPointTime = tGps.pTrackPoints[0].dwTime;
+  tGps.bSignature = 1;
+  tGps.bUtc = 1;
+  tGps.bPressureAltitude = 1;
+  tGps.dwDownloadTime = CurrentGpsTime();
+  return 0;
+}
+
+}  // namespace ascent
+
+int32_t DownloadAscentTrackLog() {
+  if (OpenComPort() < 0) return -1;
+  ascent::Product product{};
+  int32_t result = ascent::ReadProductData(&product);
+  if (result == 0 && product.supported == 0) {
+    std::printf("Unsupported firmware version\n");
+    result = -1;
+  }
+  if (result == 0) {
+    // The list position goes out as the track id, not the id the list gave.
+    int32_t position = ascent::ReadTrackList(&product);
+    result = position > 0 ? ascent::ReadIgcTrackLog(&product, static_cast<uint16_t>(position)) : -1;
+  }
+  CloseComPort();
+  return result;
+}
+
+int32_t DownloadAscentBulkTrackLog() {
+  if (OpenComPort() < 0) return -1;
+  ascent::Product product{};
+  int32_t result = ascent::ReadProductData(&product);
+  if (result == 0) result = ascent::ReadTrackList(&product);
+  if (result == 0) {
+    for (int32_t i = 0; i < product.flightCount; ++i) {
+      uint16_t id = product.flightIds[i];
+      std::printf("Getting flight number %d\n", id);
+      if (ascent::ReadIgcTrackLog(&product, id) < 0) break;
+      SaveTracklog();
+      ascent::ReleaseTrack();
+    }
+  }
+  CloseComPort();
+  return result;
+}

@@ -1,0 +1,501 @@
+#include "serial/leonardo.h"
+
+#include <cerrno>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <limits>
+
+#include "driver/main.h"
+#include "geo/conv.h"
+#include "geo/time.h"
+#include "link/com.h"
+#include "link/string.h"
+#include "output/file.h"
+
+namespace leonardo {
+namespace {
+
+constexpr char kProductBody[] = "PDGFVID";
+constexpr char kListBody[] = "PDGFFLL";
+constexpr char kProductWord[] = "$PDGFVID";
+constexpr char kListWord[] = "$PDGFFLL";
+
+// Silence that ends a stage without a reply, in microseconds.
+constexpr int64_t kProductSilence = 3000000;
+constexpr int64_t kTransferSilence = 2000000;
+
+constexpr int32_t kPilotNameLimit = 50;
+constexpr int kSelectLineSize = 101;
+constexpr int kMaxProductFields = 10;
+// The list's word, its count and the first entry: the entries are read
+// from the sentence itself, commas or not.
+constexpr int kMaxListFields = 3;
+
+constexpr double kHalfPi = 1.57079632679489661923;
+constexpr double kPi = 3.14159265358979323846;
+
+static_assert(std::numeric_limits<float>::is_iec559, "records carry IEEE single-precision floats");
+
+bool BulkMode() { return tGps.dwCommand == kCommandDownloadAllTracks; }
+
+int HexValue(char c) {
+  if (c >= '0' && c <= '9') return c - '0';
+  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+  return -1;
+}
+
+// `count` bytes from 2 x `count` hex digits; false at the first non-digit.
+bool HexBytes(const char* digits, int32_t count, uint8_t* bytes) {
+  for (int32_t i = 0; i < count; ++i) {
+    int high = HexValue(digits[2 * i]);
+    int low = high < 0 ? -1 : HexValue(digits[2 * i + 1]);
+    if (high < 0 || low < 0) return false;
+    bytes[i] = static_cast<uint8_t>(high << 4 | low);
+  }
+  return true;
+}
+
+uint32_t LittleEndian32(const uint8_t* b) {
+  return static_cast<uint32_t>(b[0]) | static_cast<uint32_t>(b[1]) << 8 | static_cast<uint32_t>(b[2]) << 16 |
+         static_cast<uint32_t>(b[3]) << 24;
+}
+
+int16_t BigEndian16(const uint8_t* b) { return static_cast<int16_t>(static_cast<uint16_t>(b[0] << 8 | b[1])); }
+
+float LittleEndianFloat(const uint8_t* b) {
+  uint32_t bits = LittleEndian32(b);
+  float value;
+  std::memcpy(&value, &bits, sizeof value);
+  return value;
+}
+
+void CopyField(char* out, size_t size, const char* field) { std::snprintf(out, size, "%s", field); }
+
+bool StartsWithNoCase(const char* text, const char* prefix) {
+  for (; *prefix != '\0'; ++text, ++prefix) {
+    char a = *text >= 'a' && *text <= 'z' ? static_cast<char>(*text - 'a' + 'A') : *text;
+    char b = *prefix >= 'a' && *prefix <= 'z' ? static_cast<char>(*prefix - 'a' + 'A') : *prefix;
+    if (a != b) return false;
+  }
+  return true;
+}
+
+// Flushes the FIFO, sends `command` and collects the reply's one sentence.
+// Returns 0 (complete), 1 (the line stayed silent longer than `silence`
+// microseconds) or the collector's negative code.
+int32_t Exchange(LeonardoTransfer* t, const char* command, int64_t silence) {
+  FlushComFifo();
+  t->state = 0;
+  t->length = 0;
+  WriteComString(command);
+  uint64_t last = GetWallClockMicroseconds();
+  for (;;) {
+    while (NonEmptyComFifoWithSleep(10)) {
+      uint8_t byte = ReadComFifo();
+      last = GetWallClockMicroseconds();
+      int32_t result = TakeSentenceByte(t, byte);
+      if (result != 1) return result;
+    }
+    uint64_t now = GetWallClockMicroseconds();
+    if (now < last) last = now;  // the clock was set back: start the silence again
+    if (static_cast<int64_t>(now - last) > silence) return 1;
+  }
+}
+
+// A decimal number typed by the user; false when the line holds none.
+bool ParseTypedNumber(const char* line, int32_t* number) {
+  errno = 0;
+  char* end = nullptr;
+  long value = std::strtol(line, &end, 10);
+  if (end == line) return false;
+  if (errno == ERANGE || value > kMaxFlights) value = kMaxFlights + 1;  // out of range either way
+  if (value < 0) value = 0;
+  *number = static_cast<int32_t>(value);
+  return true;
+}
+
+void PrintFlight(int32_t number, const FlightEntry& f) {
+  SystemTime start;
+  ConvertGpsTimeToSystemTime(f.takeoff - kInstrumentEpochOffset, &start);
+  uint32_t duration = f.landing >= f.takeoff ? f.landing - f.takeoff : 0;
+  std::printf("%2d   %02u.%02u.%02u   %02u:%02u:%02u   %02u:%02u:%02u\n", number, start.wDay, start.wMonth,
+              start.wYear % 100u, start.wHour, start.wMinute, start.wSecond, duration / 3600u, duration / 60u % 60u,
+              duration % 60u);
+}
+
+// Blocks and byte addresses the reads can ask for.
+bool PlausibleRange(const FlightEntry& f) {
+  return f.startBlock <= f.lastBlock && f.startAddress < kBlockSize && f.lastAddress < kBlockSize &&
+         (f.startBlock < f.lastBlock || f.startAddress <= f.lastAddress);
+}
+
+// Reads one block and appends the flight's points from it.
+int32_t ReadBlock(LeonardoTransfer* t, const FlightEntry& flight, int32_t block) {
+  int32_t wanted = block == flight.lastBlock ? flight.lastAddress + 1 : kBlockSize;
+  char command[40];
+  FormatBlockCommand(block, wanted, command);
+  int32_t result = Exchange(t, command, kTransferSilence);
+  if (result == 1) {
+    std::printf(" Timeout in block %d\n", block);
+    return -1;
+  }
+  if (result == 0) result = DecodeBlockSentence(t);
+  if (result < 0) {
+    char reason[64];
+    DescribeReplyError(result, reason, sizeof reason);
+    std::printf(" %s in block %d\n", reason, block);
+    return -1;
+  }
+  if (t->blockLength != wanted) {
+    std::printf(" Block %d: %d bytes instead of %d\n", block, t->blockLength, wanted);
+    return -1;
+  }
+  for (int32_t at = 0; at + kRecordSize <= t->blockLength; at += kRecordSize) {
+    TrackRecord record;
+    DecodeTrackRecord(t->block + at, t->recordsWithoutQnh, &record);
+    TrackPoint point;
+    if (!MakeTrackPoint(record, flight, &point)) continue;
+    if (tGps.nTrackPoints == 0) {
+      point.dwFlags = kTrackPointNewSegment;
+      tGps.dwFirstPointTime = point.dwTime;
+    }
+    if (AppendTrackPoint(point) < 0) return -1;
+  }
+  return 0;
+}
+
+}  // namespace
+
+void ResetTransfer(LeonardoTransfer* t) { std::memset(t, 0, sizeof *t); }
+
+void FormatCommand(const char* body, char* out) {
+  uint8_t sum = 0;
+  for (const char* p = body; *p != '\0'; ++p) sum ^= static_cast<uint8_t>(*p);
+  std::sprintf(out, "$%s*%02X\r\n", body, sum);
+}
+
+void FormatBlockCommand(int32_t block, int32_t stop, char* out) {
+  char body[32];
+  std::snprintf(body, sizeof body, "PDGFRMM,2,%d,00,%d", block, stop);
+  FormatCommand(body, out);
+}
+
+int32_t TakeSentenceByte(LeonardoTransfer* t, uint8_t b) {
+  switch (t->state) {
+    case 0:  // hunting for "$"
+      if (b == '$') {
+        t->sentence[0] = '$';
+        t->length = 1;
+        t->state = 1;
+      }
+      return 1;
+    case 1:  // body
+      if (b == '\r' || b == '\n') return kNoChecksum;
+      if (b == '$') {  // a new sentence: the one before was broken off
+        t->length = 1;
+        return 1;
+      }
+      break;
+    default:  // the two checksum characters
+      break;
+  }
+  if (t->length >= kSentenceSize) return kSentenceTooLong;
+  t->sentence[t->length++] = static_cast<char>(b);
+  if (t->state == 1) {
+    if (b == '*') t->state = 2;
+    return 1;
+  }
+  if (t->state == 2) {
+    t->state = 3;
+    return 1;
+  }
+  t->sentence[t->length] = '\0';
+  t->state = 0;
+  return 0;
+}
+
+int32_t DecodeProductSentence(LeonardoTransfer* t) {
+  int32_t offsets[kMaxProductFields];
+  int fields = ParseNmeaString(t->sentence, offsets, kMaxProductFields);
+  if (fields < 0) return fields;
+  if (fields < 5) return kTooFewFields;
+  const char* s = t->sentence;
+  if (std::strcmp(s, kProductWord) != 0) return kBadIdentifier;
+  CopyField(t->device, sizeof t->device, s + offsets[1]);
+  CopyField(t->firmware, sizeof t->firmware, s + offsets[2]);
+  CopyField(t->serial, sizeof t->serial, s + offsets[3]);
+  CopyField(t->pilot, sizeof t->pilot, s + offsets[4]);
+  t->recordsWithoutQnh = t->firmware[0] == '4';
+  // The maker's name once, whether the device name carries it or not.
+  const char* maker = StartsWithNoCase(t->device, "Digifly") ? "" : "Digifly ";
+  char product[sizeof t->device + sizeof t->serial + sizeof t->firmware + 32];
+  std::snprintf(product, sizeof product, "%s%s, SN%s, SW%s", maker, t->device, t->serial, t->firmware);
+  std::snprintf(t->product, sizeof t->product, "%.80s", product);
+  return 0;
+}
+
+bool DecodeFlightEntry(const char* digits, FlightEntry* entry) {
+  uint8_t b[kListEntryDigits / 2];
+  if (!HexBytes(digits, kListEntryDigits / 2, b)) return false;
+  entry->takeoff = LittleEndian32(b);
+  entry->startBlock = b[4];
+  entry->startAddress = b[5] << 8 | b[6];
+  entry->landing = LittleEndian32(b + 7);
+  entry->lastBlock = b[11];
+  entry->lastAddress = b[12] << 8 | b[13];
+  return true;
+}
+
+int32_t DecodeFlightList(LeonardoTransfer* t) {
+  const char* star = std::strchr(t->sentence, '*');
+  int32_t offsets[kMaxListFields];
+  int fields = ParseNmeaString(t->sentence, offsets, kMaxListFields);
+  if (fields < 0) return fields;
+  if (fields < 2) return kTooFewFields;
+  if (std::strcmp(t->sentence, kListWord) != 0) return kBadIdentifier;
+  uint32_t count = 0;
+  if (t->sentence[offsets[1]] == '\0' || DecodeUintString(t->sentence + offsets[1], &count) < 0) {
+    return kBadFlightCount;
+  }
+  // The entries, with or without commas between them, joined in place.
+  char* digits = t->sentence + offsets[1];
+  int32_t length = 0;
+  if (fields > 2) {
+    const int32_t end = static_cast<int32_t>(star - t->sentence);
+    for (int32_t i = offsets[2]; i < end; ++i) {
+      if (t->sentence[i] != '\0') digits[length++] = t->sentence[i];
+    }
+  }
+  if (count > kSentenceSize / kListEntryDigits || static_cast<uint32_t>(length) != count * kListEntryDigits) {
+    return kBadListEntries;
+  }
+  for (int32_t i = 0; i < length; ++i) {
+    if (HexValue(digits[i]) < 0) return kBadListEntries;
+  }
+  // The newest come last; keep the newest, and number them from 1.
+  int32_t kept = count < static_cast<uint32_t>(kMaxFlights) ? static_cast<int32_t>(count) : kMaxFlights;
+  for (int32_t i = 0; i < kept; ++i) {
+    DecodeFlightEntry(digits + (static_cast<int32_t>(count) - 1 - i) * kListEntryDigits, &t->flights[i]);
+  }
+  t->flightCount = kept;
+  return kept;
+}
+
+int32_t DecodeBlockSentence(LeonardoTransfer* t) {
+  int32_t offsets[3];
+  int fields = ParseNmeaString(t->sentence, offsets, 3);
+  if (fields < 0) return fields;
+  t->blockLength = 0;
+  if (fields == 1) return 0;  // no data at all
+  if (fields > 2) return kBadBlockData;
+  const char* digits = t->sentence + offsets[1];
+  size_t length = std::strlen(digits);
+  if (length % 2 != 0 || length > 2 * static_cast<size_t>(kBlockSize)) return kBadBlockData;
+  if (!HexBytes(digits, static_cast<int32_t>(length / 2), t->block)) return kBadBlockData;
+  t->blockLength = static_cast<int32_t>(length / 2);
+  return t->blockLength;
+}
+
+void DescribeReplyError(int32_t code, char* out, int size) {
+  struct Reason {
+    int32_t code;
+    const char* text;
+  };
+  static constexpr Reason kReasons[] = {
+      {kNmeaChecksumMismatch, "Checksum error"},
+      {kTooFewFields, "Too few NMEA parameters"},
+      {kBadIdentifier, "Bad NMEA identifier"},
+      {kBadFlightCount, "Bad flight count"},
+      {kBadListEntries, "Bad flight list entries"},
+      {kBadBlockData, "Bad data"},
+      {kSentenceTooLong, "Sentence too long"},
+      {kNoChecksum, "Sentence without checksum"},
+  };
+  for (const Reason& r : kReasons) {
+    if (r.code == code) {
+      std::snprintf(out, static_cast<size_t>(size), "%s", r.text);
+      return;
+    }
+  }
+  std::snprintf(out, static_cast<size_t>(size), "NMEA parse error %d", -code);
+}
+
+void DecodeTrackRecord(const uint8_t* b, bool withoutQnh, TrackRecord* r) {
+  r->control = b[0];
+  r->satellites = ((b[0] >> 1) & 7) * 2 + 3;
+  r->time = LittleEndian32(b + 1);
+  r->latitude = LittleEndianFloat(b + 5);
+  r->longitude = LittleEndianFloat(b + 9);
+  r->pressureAltitude = BigEndian16(b + 13);
+  r->vario = BigEndian16(b + 15);
+  r->airspeed = b[17];
+  r->groundSpeed = b[18];
+  // 4.x firmware keeps tracking data where the others keep QNH.
+  r->qnhAltitude = withoutQnh ? r->pressureAltitude : BigEndian16(b + 19);
+  r->gpsAltitude = BigEndian16(b + 21);
+}
+
+bool MakeTrackPoint(const TrackRecord& r, const FlightEntry& flight, TrackPoint* point) {
+  if (r.time < flight.takeoff || r.time > flight.landing || r.time < kInstrumentEpochOffset) return false;
+  double latitude = r.latitude;
+  double longitude = r.longitude;
+  // NaN fails both comparisons; 0/0 is what a logger without a fix writes.
+  if (!(std::fabs(latitude) <= kHalfPi && std::fabs(longitude) <= kPi)) return false;
+  if (latitude == 0.0 && longitude == 0.0) return false;
+  *point = TrackPoint{};
+  point->dwTime = r.time - kInstrumentEpochOffset;
+  ConvertGeoToArcPos(latitude, longitude, &point->lLatitude, &point->lLongitude);
+  point->lGpsAltitude = r.gpsAltitude * 10;
+  point->lPressureAltitude = r.pressureAltitude;
+  return true;
+}
+
+int32_t ReadProductData(LeonardoTransfer* t) {
+  char command[16];
+  FormatCommand(kProductBody, command);
+  std::printf("Product: ");
+  std::fflush(stdout);
+  int32_t result = Exchange(t, command, kProductSilence);
+  if (result == 1) {
+    std::printf("Timeout\n");
+    return -1;
+  }
+  if (result == 0) result = DecodeProductSentence(t);
+  if (result < 0) {
+    char reason[64];
+    DescribeReplyError(result, reason, sizeof reason);
+    std::printf("%s\n", reason);
+    return -1;
+  }
+  if (static_cast<uint8_t>(tGps.szPilotName[0]) == 1) {
+    std::snprintf(tGps.szPilotName, sizeof tGps.szPilotName, "%.*s", kPilotNameLimit, t->pilot);
+    CompressString(tGps.szPilotName);
+  }
+  std::snprintf(tGps.szProduct, sizeof tGps.szProduct, "%s", t->product);
+  std::printf("%s\n", t->product);
+  return 0;
+}
+
+int32_t SelectFlight(LeonardoTransfer* t) {
+  for (int32_t i = 0; i < t->flightCount; ++i) PrintFlight(i + 1, t->flights[i]);
+  if (t->flightCount == 0) {
+    std::printf("No tracks found\n");
+    return -1;
+  }
+  if (BulkMode()) return 0;
+
+  int32_t number = tGps.nFlightNumber;
+  if (number == 0) return -1;  // only the list was wanted
+  if (number < 0) {
+    std::printf("Select: ");
+    std::fflush(stdout);
+    char line[kSelectLineSize] = "";
+    GetUserInput(line, sizeof line);
+    if (!ParseTypedNumber(line, &number)) {
+      std::printf("No flight number found\n");
+      return -1;
+    }
+  }
+  if (number < 1 || number > t->flightCount) {
+    std::printf("Flight number out of range\n");
+    return -1;
+  }
+  return number;
+}
+
+int32_t ReadTrackList(LeonardoTransfer* t) {
+  char command[16];
+  FormatCommand(kListBody, command);
+  t->flightCount = 0;
+  std::printf("Track list:\n");
+  std::fflush(stdout);
+  int32_t result = Exchange(t, command, kTransferSilence);
+  if (result == 1) {
+    std::printf("Timeout\n");
+    return -1;
+  }
+  if (result == 0) result = DecodeFlightList(t);
+  if (result < 0) {
+    char reason[64];
+    DescribeReplyError(result, reason, sizeof reason);
+    std::printf("%s\n", reason);
+    return -1;
+  }
+  return SelectFlight(t);
+}
+
+int32_t ReadTrackLog(LeonardoTransfer* t, int32_t flightNumber) {
+  if (flightNumber < 1 || flightNumber > t->flightCount) return -1;
+  if (BulkMode()) std::printf("Reading track %d\n", flightNumber);
+  const FlightEntry& flight = t->flights[flightNumber - 1];
+  if (!PlausibleRange(flight)) {
+    std::printf("Bad memory range for flight %d\n", flightNumber);
+    return -1;
+  }
+  ReleaseTrackLog();
+  // One update a block: a block takes most of a second at the line speed.
+  ProgressCounter progress("Points: ", 0);
+  for (int32_t block = flight.startBlock; block <= flight.lastBlock; ++block) {
+    if (ReadBlock(t, flight, block) < 0) return -1;
+    if (block < flight.lastBlock) progress.Update(tGps.nTrackPoints);
+  }
+  progress.Finish(tGps.nTrackPoints);
+  if (tGps.nTrackPoints == 0) {
+    std::printf("No track points found\n");
+    return -1;
+  }
+  tGps.bUtc = 1;
+  tGps.bSignature = 1;
+  tGps.bPressureAltitude = 1;
+  tGps.dwDownloadTime = GetCurrentGpsTime();
+  return 0;
+}
+
+int32_t ReadAllTrackLogs(LeonardoTransfer* t, int32_t (*save)()) {
+  int32_t result = 0;
+  for (int32_t number = 1; number <= t->flightCount; ++number) {
+    result = ReadTrackLog(t, number);
+    if (result < 0) break;
+    save();
+    ReleaseTrackLog();
+  }
+  return result;
+}
+
+}  // namespace leonardo
+
+using leonardo::LeonardoTransfer;
+
+namespace {
+
+// Opens the port, identifies the instrument, runs `stage` and closes the
+// port whatever happened.
+template <typename Stage>
+int32_t RunLeonardoCommand(Stage stage) {
+  LeonardoTransfer transfer;
+  leonardo::ResetTransfer(&transfer);
+  if (OpenComPort() < 0) return -1;
+  int32_t result = leonardo::ReadProductData(&transfer);
+  if (result == 0) result = stage(&transfer);
+  CloseComPort();
+  return result;
+}
+
+}  // namespace
+
+int32_t DownloadLeonardoTrackLog() {
+  return RunLeonardoCommand([](LeonardoTransfer* t) {
+    int32_t flight = leonardo::ReadTrackList(t);
+    return flight < 1 ? -1 : leonardo::ReadTrackLog(t, flight);
+  });
+}
+
+int32_t DownloadLeonardoBulkTrackLog() {
+  return RunLeonardoCommand([](LeonardoTransfer* t) {
+    int32_t result = leonardo::ReadTrackList(t);
+    return result == 0 ? leonardo::ReadAllTrackLogs(t, SaveTracklog) : result;
+  });
+}

@@ -10,6 +10,7 @@
 
 #include "driver/main.h"
 #include "family_support.h"
+#include "saved_support.h"
 #include "serial/ascent.h"
 #include "sim/ascent.h"
 #include "sim_support.h"
@@ -292,11 +293,11 @@ TEST(AscentDownload, TheBulkWalkSendsTheStoredIdsAndReleasesEachTrack) {
   rig.Stop();
 
   EXPECT_EQ(result, 0);
-  const std::string saving = "Track saving: not available in this build\n";
+  // No file type asked for: each track goes through the checks only.
   EXPECT_EQ(out, test::Opened(tGps.szComPort) + "Product: Ascent, SNR 1A2B3C4D, SW 1.355\nTrack list:\n" +
                      " 1   04.10.23   14:30:00   00:27:00\n 2   06.03.21   10:34:00   00:03:00\n" +
-                     "Getting flight number 2\nLines: 0\nGot 194 points\n" + saving +
-                     "Getting flight number 1\nLines: 0\nGot 221 points\n" + saving + "Exiting COM thread\n");
+                     "Getting flight number 2\nLines: 0\nGot 194 points\n" +
+                     "Getting flight number 1\nLines: 0\nGot 221 points\n" + "Exiting COM thread\n");
   std::vector<std::string> firstRequests;
   for (const std::string& r : rig.instrument<sim::ascent::AscentInstrument>().requests()) {
     if (r.size() == 5 && r[4] == 0) firstRequests.push_back(r);
@@ -355,16 +356,19 @@ TEST_F(AscentCommandLine, ListsSelectionsAndFaults) {
   const std::string product = "Product: Ascent, SNR 1A2B3C4D, SW 2.368\n";
   const std::string list =
       "Track list:\n 1   04.10.23   14:30:00   00:27:00\n 2   06.03.21   10:34:00   00:03:00\n";
-  const std::string saving = "Track saving: not available in this build\n";
+  // Only the raw log's allocated size holds the text's length, so the raw
+  // file saved after a download is empty; the document is whole.
+  const std::string iqBase = "2023-10-04_14-30", skyBase = "2021-03-06_10-34";
+  const std::string savedIq = test::SavedOutput(iqBase, 0, true), savedSky = test::SavedOutput(skyBase, 0, true);
   struct Expected {
     std::string out;  // between the port's greeting and its farewell
     std::string after = "";
   } expected[] = {
-      {product + list + "Lines: 0\nGot 221 points\n", saving},
-      {product + list + "Select: Lines: 0\nGot 194 points\n", saving},
-      {product + list + "Getting flight number 1\nLines: 0\nGot 194 points\n" + saving +
-       "Getting flight number 2\nLines: 0\nGot 221 points\n" + saving},
-      {product + list + "Lines: 0\nGot 194 points\n", saving},
+      {product + list + "Lines: 0\nGot 221 points\n", savedSky},
+      {product + list + "Select: Lines: 0\nGot 194 points\n", savedIq},
+      {product + list + "Getting flight number 1\nLines: 0\nGot 194 points\n" + savedIq +
+       "Getting flight number 2\nLines: 0\nGot 221 points\n" + savedSky},
+      {product + list + "Lines: 0\nGot 194 points\n", savedIq},
       {"Product: Ascent, SNR 1A2B3C4D, SW 2.367\nUnsupported firmware version\n"},
       {product + list + "Flight number out of range\n"},
       {product + list + "Flight number out of range\n"},
@@ -387,8 +391,14 @@ TEST_F(AscentCommandLine, ListsSelectionsAndFaults) {
     EXPECT_EQ(s.result.out,
               test::Opened("/dev/cu." + s.port) + expected[i].out + "Exiting COM thread\n" + expected[i].after)
         << s.label;
-    EXPECT_TRUE(s.files.empty()) << s.label;
+    EXPECT_EQ(s.files.size(), i < 4 ? (i == 2 ? 4u : 2u) : 0u) << s.label;
   }
+  const std::string ascent = "Ascent, SNR 1A2B3C4D, SW 2.368";
+  test::ExpectSavedFlight(runs[0], skyBase, "", 221, true, ascent);
+  test::ExpectSavedFlight(runs[1], iqBase, "", 194, true, ascent);
+  test::ExpectSavedFlight(runs[2], iqBase, "", 194, true, ascent);
+  test::ExpectSavedFlight(runs[2], skyBase, "", 221, true, ascent);
+  test::ExpectSavedFlight(runs[3], iqBase, "", 194, true, ascent);
   // The ignored first message is asked for again.
   EXPECT_EQ(std::count(runs[3].commands.begin(), runs[3].commands.end(), std::string("\x03\x05")), 3);
   EXPECT_EQ(std::count(runs[0].commands.begin(), runs[0].commands.end(), std::string("\x03\x05")), 2);

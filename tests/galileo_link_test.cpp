@@ -12,6 +12,7 @@
 #include "external_tools.h"
 #include "geo/conv.h"
 #include "kml_support.h"
+#include "saved_support.h"
 #include "link/com.h"
 #include "serial/galileo.h"
 #include "sim_support.h"
@@ -273,35 +274,14 @@ class GalileoCommandLine : public testing::Test {
   }
 };
 
-const std::string kAnalysis =
-    "Computing statistics\nFinding greatest out-and-return (gap = 800m)\nFinding greatest triangles (gap = 800m)\n";
-
-// What saving a downloaded flight prints: the raw file, then the document.
+// What saving prints and leaves for this instrument's raw text.
 std::string Saving(const std::string& base, size_t bytes, bool signature) {
-  return "Raw igc log downloaded (" + std::to_string(bytes) + " bytes)\nFile " + base + ".igc written\n" + kAnalysis +
-         "File " + base + ".kml written, " + (signature ? "signature OK" : "NO signature") + "\n";
+  return test::SavedOutput(base, bytes, signature);
 }
 
-// The IGC file is the instrument's text byte for byte; the KML document is
-// well-formed, names the instrument and carries `points` positions (and,
-// with a signature, a digest that checks out).
 void ExpectSavedFlight(const test::Scenario& s, const std::string& base, const std::string& igc, size_t points,
                        bool signature, const std::string& product = "COMPEO+, SN00565, SW3.25") {
-  SCOPED_TRACE(s.label + ": " + base);
-  ASSERT_TRUE(s.contents.contains(base + ".igc"));
-  EXPECT_TRUE(s.contents.at(base + ".igc") == igc) << "the raw text differs";
-  ASSERT_TRUE(s.contents.contains(base + ".kml"));
-  const std::string& kml = s.contents.at(base + ".kml");
-  EXPECT_EQ(test::XmlTextProblem(kml), "");
-  test::TrackMetadata track;
-  std::string error;
-  ASSERT_TRUE(test::ReadTrackMetadata(kml, &track, &error)) << error;
-  EXPECT_EQ(track.instrument.value_or(""), product);
-  EXPECT_EQ(test::ListValues(track.coordinates).size(), points);
-  EXPECT_EQ(track.hash.has_value(), signature);
-  if (track.hash) {
-    EXPECT_EQ(*track.hash, test::Sha1Hex(test::DigestInput(track)));
-  }
+  test::ExpectSavedFlight(s, base, igc, points, signature, product);
 }
 
 TEST_F(GalileoCommandLine, DownloadsSelectionsListsAndWaypoints) {

@@ -9,6 +9,7 @@
 
 #include "driver/main.h"
 #include "family_support.h"
+#include "saved_support.h"
 #include "serial/iqbasic.h"
 #include "sim/iqbasic.h"
 #include "sim_support.h"
@@ -207,7 +208,10 @@ TEST_F(IqBasicCommandLine, SelectionsAnswersAndFaults) {
 
   const std::string product = "Product: IQ-BASIC, SW 1.3.07, S/N 7489\n";
   const std::string list = "Track list:\n1;04.10.23;14:30:07;00:27:05\n2;06.03.21;10:34:11;00:03:40\n";
-  const std::string saving = "Track saving: not available in this build\n";
+  // The instrument's own text is saved as it came, unsigned.
+  const std::string iqBase = "2023-10-04_14-30", skyBase = "2021-03-06_10-34";
+  const std::string savedIq = test::SavedOutput(iqBase, iq.size(), false);
+  const std::string savedSky = test::SavedOutput(skyBase, sky.size(), false);
   const std::vector<std::string> all = {"RPA_00", "RPA_01", "RPA_02", "ACT_20_  "};
   auto with = [&all](const std::string& flight) {
     std::vector<std::string> commands = all;
@@ -219,8 +223,8 @@ TEST_F(IqBasicCommandLine, SelectionsAnswersAndFaults) {
     std::vector<std::string> commands;
     std::string after = "";
   } expected[] = {
-      {product + list + "Match in flight list for flight 2\nBytes: 8689\n", with("ACT_21_01"), saving},
-      {product + list + "Select: Match in flight list for flight 1\nBytes: 10189\n", with("ACT_21_00"), saving},
+      {product + list + "Match in flight list for flight 2\nBytes: 8689\n", with("ACT_21_01"), savedSky},
+      {product + list + "Select: Match in flight list for flight 1\nBytes: 10189\n", with("ACT_21_00"), savedIq},
       {product + list, all},
       {product + list + "Flight number out of range\n", all},
       {product + list + "Select: Flight number out of range\n", all},
@@ -229,7 +233,7 @@ TEST_F(IqBasicCommandLine, SelectionsAnswersAndFaults) {
       {product + "Track list:\nNo entry in the flightlist found\n", all},
       {"Product: 6015, SW 1.2.34, S/N 2826\nTrack list:\n1;06.03.21;10:34:11;00:03:40\n"
        "Match in flight list for flight 1\nBytes: 8689\n",
-       with("ACT_21_00"), saving},
+       with("ACT_21_00"), savedSky},
       {"Product: Bad PAdata response (serial number)\n", {"RPA_00"}},
       {"Product: Bad PAdata response (device type format error)\n", {"RPA_00", "RPA_01"}},
       {"Product: Bad PAdata response (software version format error)\n", {"RPA_00", "RPA_01", "RPA_02"}},
@@ -250,8 +254,11 @@ TEST_F(IqBasicCommandLine, SelectionsAnswersAndFaults) {
                                        expected[i].after)
         << s.label;
     EXPECT_EQ(s.commands, expected[i].commands) << s.label;
-    EXPECT_TRUE(s.files.empty()) << s.label;
+    EXPECT_EQ(s.files.size(), expected[i].after.empty() ? 0u : 2u) << s.label;
   }
+  test::ExpectSavedFlight(runs[0], skyBase, sky, 221, false, "IQ-BASIC, SW 1.3.07, S/N 7489");
+  test::ExpectSavedFlight(runs[1], iqBase, iq, 194, false, "IQ-BASIC, SW 1.3.07, S/N 7489");
+  test::ExpectSavedFlight(runs[8], skyBase, sky, 221, false, "6015, SW 1.2.34, S/N 2826");
 }
 
 TEST(FamiliesCommandLineNoPort, EachFamilyReportsAMissingPort) {

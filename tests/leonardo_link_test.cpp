@@ -5,6 +5,7 @@
 
 #include <cmath>
 #include <cstdio>
+#include <optional>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -12,6 +13,7 @@
 #include "driver/main.h"
 #include "geo/conv.h"
 #include "link/com.h"
+#include "saved_support.h"
 #include "serial/leonardo.h"
 #include "sim/leonardo.h"
 #include "sim_support.h"
@@ -328,8 +330,10 @@ std::string Session(const test::Scenario& s, const std::string& middle) {
   return "Opened port /dev/cu." + s.port + "\nStarting COM thread\n" + middle + "Exiting COM thread\n";
 }
 
-// Stands for the saving step until the track files are written.
-const std::string kSaving = "Track saving: not available in this build\n";
+const std::string kIqBase = "2023-10-04_14-30", kSkyBase = "2021-03-06_10-34";
+// The instrument sends no text: the program writes the IGC file itself.
+const std::string kSavedIq = test::SavedOutput(kIqBase, std::nullopt, true);
+const std::string kSavedSky = test::SavedOutput(kSkyBase, std::nullopt, true);
 
 TEST_F(LeonardoCommandLine, DownloadsListsAndSelections) {
   const std::string iq = Flight("pg-iqbasic-8s.igc"), sky = Flight("pg-skytraxx-13min.igc");
@@ -357,20 +361,32 @@ TEST_F(LeonardoCommandLine, DownloadsListsAndSelections) {
     std::vector<std::string> commands;
     std::string after;
   } expected[] = {
-      {kProduct + list + iqPoints, {kIdentify, kList, iqReads[0], iqReads[1]}, kSaving},
-      {kProduct + list + "Reading track 1\n" + iqPoints + kSaving + "Reading track 2\n" + skyPoints + kSaving,
+      {kProduct + list + iqPoints, {kIdentify, kList, iqReads[0], iqReads[1]}, kSavedIq},
+      {kProduct + list + "Reading track 1\n" + iqPoints + kSavedIq + "Reading track 2\n" + skyPoints + kSavedSky,
        {kIdentify, kList, iqReads[0], iqReads[1], skyReads[0], skyReads[1]},
        ""},
-      {kProduct + list + "Select: " + skyPoints, {kIdentify, kList, skyReads[0], skyReads[1]}, kSaving},
+      {kProduct + list + "Select: " + skyPoints, {kIdentify, kList, skyReads[0], skyReads[1]}, kSavedSky},
       {kProduct + list, {kIdentify, kList}, ""},
       {kProduct + list + "Flight number out of range\n", {kIdentify, kList}, ""},
-      {kProduct + list + iqPoints, {kIdentify, kList, iqReads[0], iqReads[1]}, kSaving},
+      {kProduct + list + iqPoints, {kIdentify, kList, iqReads[0], iqReads[1]}, kSavedIq},
   };
+  const size_t files[] = {2, 4, 2, 0, 0, 2};
   for (size_t i = 0; i < runs.size(); ++i) {
     const test::Scenario& s = runs[i];
     EXPECT_EQ(s.result.status, 0) << s.label;
     EXPECT_EQ(s.result.out, Session(s, expected[i].out) + expected[i].after) << s.label;
     EXPECT_EQ(s.commands, expected[i].commands) << s.label;
+    EXPECT_EQ(s.files.size(), files[i]) << s.label;
+  }
+  const std::string product = "DIGIFLY AIR BT, SN10394, SW141a-012";
+  const std::pair<size_t, const char*> saved[] = {{0, "iq"}, {1, "iq"}, {1, "sky"}, {2, "sky"}, {5, "iq"}};
+  for (const auto& [run, which] : saved) {
+    const bool isIq = which == std::string("iq");
+    const std::string& base = isIq ? kIqBase : kSkyBase;
+    test::ExpectSavedFlight(runs[run], base, std::nullopt, isIq ? 194 : 221, true, product);
+    if (runs[run].contents.contains(base + ".igc")) {
+      EXPECT_TRUE(test::SameFixes(runs[run].contents.at(base + ".igc"), isIq ? iq : sky)) << runs[run].label;
+    }
   }
 }
 
@@ -437,9 +453,9 @@ TEST_F(LeonardoCommandLine, ACorruptByteAnywhereLeavesTheProgramInCharge) {
   for (const test::Scenario& s : runs) {
     EXPECT_EQ(s.result.status, 0) << s.label;
     EXPECT_TRUE(s.result.out.ends_with("Exiting COM thread\n") ||
-                s.result.out.ends_with("194\nExiting COM thread\n" + kSaving))
+                s.result.out.ends_with("194\nExiting COM thread\n" + kSavedIq))
         << s.label << ": " << s.result.out;
-    EXPECT_TRUE(s.files.empty()) << s.label;
+    EXPECT_EQ(s.files.size(), s.result.out.ends_with(kSavedIq) ? 2u : 0u) << s.label;
   }
 }
 

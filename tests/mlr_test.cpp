@@ -10,11 +10,13 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "driver/main.h"
 #include "family_support.h"
+#include "saved_support.h"
 #include "serial/mlr.h"
 #include "sim/mlr.h"
 #include "sim_support.h"
@@ -470,16 +472,19 @@ TEST_F(MlrCommandLine, DownloadsAndFaults) {
   for (int n = 100; n < 2577; n += 100) hundreds.push_back(n);
   const std::string product = "Product: SP24XC  SW2.70\n";
   const std::string iqPoints = ProgressText("Points: ", {100}, 194);
-  const std::string saving = "Track saving: not available in this build\n";
+  // No text comes from the instrument: the program writes the IGC file.
+  const std::string mlrBase = "2008-05-02_10-05", iqBase = "2023-10-04_14-30";
+  const std::string savedMlr = test::SavedOutput(mlrBase, std::nullopt, true);
+  const std::string savedIq = test::SavedOutput(iqBase, std::nullopt, true);
   const std::vector<std::string> stopped = {"$PMLR,26,01,01,0339", "$PMLR,24,02,0101,0399", "$PMLR,06,00,02A9"};
   struct Expected {
     std::string out;  // between the port's greeting and its farewell
     std::vector<std::string> commands;
     std::string after = "";
   } expected[] = {
-      {product + ProgressText("Points: ", hundreds, 2577), stopped, saving},
-      {"Product: SP24XC\n" + iqPoints, stopped, saving},
-      {product + iqPoints, stopped, saving},
+      {product + ProgressText("Points: ", hundreds, 2577), stopped, savedMlr},
+      {"Product: SP24XC\n" + iqPoints, stopped, savedIq},
+      {product + iqPoints, stopped, savedIq},
       {product + "Points: 0 Format error 1\n", stopped},
       {product + "Points: 0 Bad sentence sequence\n", stopped},
       {product + "Points: 0 Bad track point sequence\n", stopped},
@@ -495,7 +500,12 @@ TEST_F(MlrCommandLine, DownloadsAndFaults) {
               test::Opened("/dev/cu." + s.port) + expected[i].out + "Exiting COM thread\n" + expected[i].after)
         << s.label;
     EXPECT_EQ(s.commands, expected[i].commands) << s.label;
-    EXPECT_TRUE(s.files.empty()) << s.label;
+    EXPECT_EQ(s.files.size(), expected[i].after.empty() ? 0u : 2u) << s.label;
+  }
+  test::ExpectSavedFlight(runs[0], mlrBase, std::nullopt, 2577, true, "SP24XC SW2.70");
+  test::ExpectSavedFlight(runs[1], iqBase, std::nullopt, 194, true, "SP24XC");
+  if (runs[0].contents.contains(mlrBase + ".igc")) {
+    EXPECT_TRUE(test::SameFixes(runs[0].contents.at(mlrBase + ".igc"), mlrFlight));
   }
   // The program went to 38400 baud for the log and back to 4800 before the stop.
   const std::vector<std::string>& trace = runs[0].trace;
@@ -535,7 +545,7 @@ TEST_F(MlrCommandLine, KestrixSimServesAnMlrUntilStopped) {
   test::TempDir dir;
   test::RunResult r = test::RunKestrix({"-gm", "-cu." + port, "-l"}, dir.path());
   EXPECT_EQ(r.out, test::Opened("/dev/cu." + port) + "Product: SP24XC  SW2.72\n" + ProgressText("Points: ", {100}, 194) +
-                       "Exiting COM thread\nTrack saving: not available in this build\n");
+                       "Exiting COM thread\n" + test::SavedOutput("2023-10-04_14-30", std::nullopt, true));
   readUntil("   stopped\n");
   kill(pid, SIGTERM);
   readUntil("Stopped\n");

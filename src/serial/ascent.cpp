@@ -111,23 +111,6 @@ void SendPacketRequest(uint16_t trackId, uint8_t section) {
   WriteComData(request, sizeof request);
 }
 
-uint32_t CurrentGpsTime() {
-  SystemTime now;
-  GetDownloadTime(&now);
-  return ConvertSystemTimeToGpsTime(&now);
-}
-
-void ReleaseTrack() {
-  std::free(tGps.pbRawLog);
-  tGps.pbRawLog = nullptr;
-  tGps.nRawLogSize = 0;
-  tGps.nRawLogLength = 0;
-  std::free(tGps.pTrackPoints);
-  tGps.pTrackPoints = nullptr;
-  tGps.nTrackCapacity = 0;
-  tGps.nTrackPoints = 0;
-}
-
 }  // namespace
 
 bool IsSupportedFirmware(uint32_t firmware) { return (firmware >= 1356 && firmware <= 1999) || firmware >= 2368; }
@@ -404,7 +387,7 @@ int32_t ReadIgcTrackLog(Product*, uint16_t trackId) {
   tGps.bSignature = 1;
   tGps.bUtc = 1;
   tGps.bPressureAltitude = 1;
-  tGps.dwDownloadTime = CurrentGpsTime();
+  tGps.dwDownloadTime = GetCurrentGpsTime();
   return 0;
 }
 
@@ -438,7 +421,7 @@ int32_t DownloadAscentBulkTrackLog() {
       std::printf("Getting flight number %d\n", id);
       if (ascent::ReadIgcTrackLog(&product, id) < 0) break;
       SaveTracklog();
-      ascent::ReleaseTrack();
+      ReleaseTrackLog();
     }
   }
   CloseComPort();

@@ -115,12 +115,6 @@ bool ParseTypedNumber(const char* line, int32_t* number) {
   return true;
 }
 
-uint32_t CurrentGpsTime() {
-  SystemTime now;
-  GetDownloadTime(&now);
-  return ConvertSystemTimeToGpsTime(&now);
-}
-
 }  // namespace
 
 void StartLine(LineBuilder* line, char* text, int32_t limit) {
@@ -310,7 +304,7 @@ int32_t ReadTrackLog(int32_t flightNumber) {
   tGps.bSignature = 0;
   tGps.bUtc = 1;
   tGps.bPressureAltitude = 1;
-  tGps.dwDownloadTime = CurrentGpsTime();
+  tGps.dwDownloadTime = GetCurrentGpsTime();
   return 0;
 }
 

@@ -164,12 +164,6 @@ void StopTransfer() {
   WriteComString(kStopCommand);
 }
 
-uint32_t CurrentGpsTime() {
-  SystemTime now;
-  GetDownloadTime(&now);
-  return ConvertSystemTimeToGpsTime(&now);
-}
-
 }  // namespace
 
 uint64_t ProcessorMicroseconds() {
@@ -486,7 +480,7 @@ int32_t ReadTrackLog(ProductRecord* p) {
         tGps.bSignature = 1;
         tGps.bUtc = 1;
         tGps.bPressureAltitude = 0;
-        tGps.dwDownloadTime = CurrentGpsTime();
+        tGps.dwDownloadTime = GetCurrentGpsTime();
         return 0;
       }
     }

@@ -1,4 +1,5 @@
 // The families the simulator serves: one module each, one row here.
+#include "sim/flymaster.h"
 #include "sim/galileo.h"
 #include "sim/sim.h"
 
@@ -7,6 +8,7 @@ namespace sim {
 const std::vector<Family>& Families() {
   static const std::vector<Family> families = {
       {"flytec", galileo::kBaud, galileo::kFaultHelp, galileo::Create},
+      {"flymaster", flymaster::kBaud, flymaster::kFaultHelp, flymaster::Create},
   };
   return families;
 }

@@ -103,7 +103,7 @@ TEST(Cli, DispatchMessagesForCommandsWithoutASupportedInstrument) {
 
 TEST(Cli, CommandsOfMissingModulesSayThatAndDoNotPretendSuccess) {
   TempDir dir;
-  for (const char* type : {"-gy", "-gyn", "-gda", "-giq", "-gas", "-gm", "-gsy"}) {
+  for (const char* type : {"-gda", "-giq", "-gas", "-gm", "-gsy"}) {
     test::RunResult r = RunKestrix({type, "-cu.x", "-l"}, dir.path());
     EXPECT_NE(r.out.find("not available in this build"), std::string::npos) << type;
     EXPECT_EQ(r.status, 0);

@@ -12,6 +12,7 @@
 #include "driver/cmd.h"
 #include "driver/config.h"
 #include "output/file.h"
+#include "serial/flymaster.h"
 #include "serial/galileo.h"
 
 RunParameters tGps;
@@ -232,7 +233,7 @@ void MainProgram() {
       switch (tGps.dwGpsType) {
         case kGpsFlymasterNew:
         case kGpsFlymaster:
-          result = NotInThisBuild("Flymaster track download");
+          result = DownloadFlymasterTrackLog();
           break;
         case kGpsGalileo:
           result = DownloadGalileoTrackLog();
@@ -263,7 +264,7 @@ void MainProgram() {
       switch (tGps.dwGpsType) {
         case kGpsFlymasterNew:
         case kGpsFlymaster:
-          NotInThisBuild("Flymaster track download");
+          DownloadFlymasterBulkTrackLog();
           break;
         case kGpsAscent:
           NotInThisBuild("Ascent track download");
@@ -289,7 +290,7 @@ void MainProgram() {
           break;
         case kGpsFlymaster:
         case kGpsFlymasterNew:
-          result = NotInThisBuild("Flymaster waypoint download");
+          result = DownloadFlymasterWaypoints();
           break;
         default:
           std::printf("Waypoint download not supported for the selected GPS\n");
@@ -312,7 +313,7 @@ void MainProgram() {
         if (tGps.dwGpsType == kGpsGalileo) {
           UploadGalileoWaypoints();
         } else {
-          NotInThisBuild("Flymaster waypoint upload");
+          UploadFlymasterWaypoints();
         }
       }
       break;

@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "sim/flymaster.h"
 #include "sim/galileo.h"
 #include "sim/sim.h"
 #include "support.h"
@@ -36,18 +37,36 @@ class FlytecRig {
   sim::Simulator simulator_;
 };
 
+// A Flymaster instrument on a pseudo-terminal, served flat out.
+class FlymasterRig {
+ public:
+  explicit FlymasterRig(sim::InstrumentSettings settings, std::vector<sim::LineFault> faults = {});
+  // Points the run parameters at the rig: the port and the instrument type.
+  void Connect(int32_t gpsType) const;
+  void Stop() { simulator_.Stop(); }
+  const sim::flymaster::FlymasterInstrument& instrument() const { return *instrument_; }
+  std::vector<std::string> Commands() const;
+
+ private:
+  sim::flymaster::FlymasterInstrument* instrument_;
+  sim::Simulator simulator_;
+};
+
 // One run of the program against its own simulated instrument.
 struct Scenario {
   std::string label{};
   sim::InstrumentSettings settings{};
   std::vector<sim::LineFault> faults{};
-  std::vector<std::string> args{};  // after "-gc -cu.<port>"
+  std::vector<std::string> args{};  // after "<gps> -cu.<port>"
   std::string input{};              // typed at the console
+  std::string family{"flytec"};     // the simulator's family
+  std::string gps{"-gc"};           // the program's instrument switch
   // Filled in by RunScenarios.
   std::string port{};
   RunResult result{};
-  std::vector<std::string> commands{};
-  std::vector<std::string> files{};  // what the run left in its folder
+  std::vector<std::string> commands{};  // lines the instrument received
+  std::string received{};               // every byte it received
+  std::vector<std::string> files{};     // what the run left in its folder
 };
 
 // Empty when /dev/cu.<name> links can be made here; else why not.

@@ -2,7 +2,6 @@
 
 #include <unistd.h>
 
-#include <cerrno>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
@@ -753,7 +752,6 @@ int32_t SelectTrack(FlymasterTransfer* t) {
     std::fflush(stdout);
     char line[kSelectLineSize] = "";
     GetUserInput(line, sizeof line);
-    errno = 0;
     char* end = nullptr;
     long typed = std::strtol(line, &end, 10);
     if (end == line) {

@@ -8,7 +8,9 @@
 # Targets: all of fuzz/targets/*.cpp unless named.
 # Environment: FUZZ_NICE (default 19), FUZZ_BUILD_JOBS (default 2),
 # FUZZ_CXX (default clang++-14), FUZZ_FRESH=1 starts from the seeds alone
-# instead of the corpora earlier runs left in fuzz/out/corpus.
+# instead of the corpora earlier runs left in fuzz/out/corpus, FUZZ_RUNS=N
+# also ends a target after N executions (a campaign: FUZZ_RUNS=1000000
+# fuzz/run.sh 600 runs each target to a million executions or ten minutes).
 set -euo pipefail
 
 root=$(cd "$(dirname "$0")/.." && pwd)
@@ -64,6 +66,7 @@ for target in "${targets[@]}"; do
   [ "${FUZZ_FRESH:-0}" = 1 ] && rm -rf "$out/corpus/$target" && mkdir -p "$out/corpus/$target"
   options=(-max_total_time="$seconds" -timeout=10 -rss_limit_mb=2048 -close_fd_mask=1 -print_final_stats=1
     -artifact_prefix="$out/artifacts/$target/")
+  [ -n "${FUZZ_RUNS:-}" ] && options+=(-runs="$FUZZ_RUNS")
   dict=$(fuzz_setting "$target" dict)
   [ -n "$dict" ] && options+=(-dict="$root/fuzz/dict/$dict")
   maxlen=$(fuzz_setting "$target" max-len)

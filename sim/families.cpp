@@ -1,5 +1,6 @@
 // The families the simulator serves: one module each, one row here.
 #include "sim/ascent.h"
+#include "sim/flymaster.h"
 #include "sim/galileo.h"
 #include "sim/iqbasic.h"
 #include "sim/mlr.h"
@@ -15,6 +16,7 @@ const std::vector<Family>& Families() {
       {"ascent", ascent::kBaud, ascent::kFaultHelp, ascent::Create},
       {"mlr", mlr::kBaud, mlr::kFaultHelp, mlr::Create},
       {"leonardo", leonardo::kBaud, leonardo::kFaultHelp, leonardo::Create},
+      {"flymaster", flymaster::kBaud, flymaster::kFaultHelp, flymaster::Create},
   };
   return families;
 }

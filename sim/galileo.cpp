@@ -14,23 +14,6 @@ namespace {
 
 constexpr size_t kCommandLimit = 200;
 
-int HexValue(char c) {
-  if (c >= '0' && c <= '9') return c - '0';
-  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-  return -1;
-}
-
-// The body of a well-formed "$...*HH" command, or false.
-bool CheckCommand(const std::string& command, std::string* body) {
-  size_t star = command.find('*');
-  if (command.empty() || command[0] != '$' || star == std::string::npos || star + 3 != command.size()) return false;
-  int high = HexValue(command[star + 1]), low = HexValue(command[star + 2]);
-  if (high < 0 || low < 0 || NmeaChecksum(command) != high * 16 + low) return false;
-  *body = command.substr(1, star - 1);
-  return true;
-}
-
 std::string Clock(int32_t seconds) {
   char text[16];
   std::snprintf(text, sizeof text, "%02d:%02d:%02d", seconds / 3600 % 100, seconds / 60 % 60, seconds % 60);
@@ -43,18 +26,6 @@ std::string Angle(double degrees, int degreeDigits, char positive, char negative
   char text[32];
   std::snprintf(text, sizeof text, "%0*ld%02ld.%03ld,%c", degreeDigits, thousandths / 60000, thousandths / 1000 % 60,
                 thousandths % 1000, degrees < 0 ? negative : positive);
-  return text;
-}
-
-double ParseAngle(const std::string& text, const std::string& hemisphere, char negative) {
-  double value = std::strtod(text.c_str(), nullptr);
-  double degrees = std::floor(value / 100.0);
-  double result = degrees + (value - degrees * 100.0) / 60.0;
-  return hemisphere == std::string(1, negative) ? -result : result;
-}
-
-std::string TrimRight(std::string text) {
-  while (!text.empty() && text.back() == ' ') text.pop_back();
   return text;
 }
 
@@ -123,7 +94,7 @@ void FlytecInstrument::Receive(uint8_t byte, Line& line) {
 
 void FlytecInstrument::Answer(const std::string& command, Line& line) {
   std::string body;
-  if (!CheckCommand(command, &body)) {
+  if (!CommandBody(command, &body)) {
     line.Note("   ignored: not a well-formed sentence");
     return;
   }

@@ -349,6 +349,33 @@ uint8_t NmeaChecksum(std::string_view sentence) {
   return x;
 }
 
+bool CommandBody(const std::string& command, std::string* body) {
+  auto hex = [](char c) {
+    if (c >= '0' && c <= '9') return c - '0';
+    if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+    if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+    return -1;
+  };
+  size_t star = command.find('*');
+  if (command.empty() || command[0] != '$' || star == std::string::npos || star + 3 != command.size()) return false;
+  int high = hex(command[star + 1]), low = hex(command[star + 2]);
+  if (high < 0 || low < 0 || NmeaChecksum(command) != high * 16 + low) return false;
+  *body = command.substr(1, star - 1);
+  return true;
+}
+
+double ParseAngle(const std::string& text, const std::string& hemisphere, char negative) {
+  double value = std::strtod(text.c_str(), nullptr);
+  double degrees = std::floor(value / 100.0);
+  double result = degrees + (value - degrees * 100.0) / 60.0;
+  return hemisphere == std::string(1, negative) ? -result : result;
+}
+
+std::string TrimRight(std::string text) {
+  while (!text.empty() && text.back() == ' ') text.pop_back();
+  return text;
+}
+
 FlightSummary SummarizeFlight(const std::string& igc) {
   FlightSummary summary;
   std::istringstream in(igc);

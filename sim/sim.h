@@ -44,6 +44,7 @@ struct SimWaypoint {
   double latitude;   // degrees, north positive
   double longitude;  // degrees, east positive
   int32_t altitude;  // metres
+  int32_t flag = 0;  // an instrument's mark on the waypoint, where it keeps one
 };
 
 // What an instrument holds and how it misbehaves. Empty texts take the
@@ -191,6 +192,11 @@ bool ReadWholeFile(const std::string& path, std::string* text);
 bool ReadOziWaypoints(const std::string& text, std::vector<SimWaypoint>* waypoints);
 // XOR of the characters between "$" and "*" (or the end).
 uint8_t NmeaChecksum(std::string_view sentence);
+// The body of a well-formed "$...*HH" command (either case of hex digits), or false.
+bool CommandBody(const std::string& command, std::string* body);
+// "DDMM.mmm" or "DDDMM.mmm" and its hemisphere letter to degrees.
+double ParseAngle(const std::string& text, const std::string& hemisphere, char negative);
+std::string TrimRight(std::string text);
 
 // What a flight list shows about an IGC text.
 struct FlightSummary {

@@ -101,15 +101,6 @@ TEST(Cli, DispatchMessagesForCommandsWithoutASupportedInstrument) {
   }
 }
 
-TEST(Cli, CommandsOfMissingModulesSayThatAndDoNotPretendSuccess) {
-  TempDir dir;
-  for (const char* type : {"-gy", "-gyn"}) {
-    test::RunResult r = RunKestrix({type, "-cu.x", "-l"}, dir.path());
-    EXPECT_NE(r.out.find("not available in this build"), std::string::npos) << type;
-    EXPECT_EQ(r.status, 0);
-  }
-}
-
 TEST(Cli, ConfigurationEchoComesBeforeTheCommand) {
   TempDir dir;
   dir.Write("kestrix.cfg",

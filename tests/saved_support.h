@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <optional>
 #include <string>
 
@@ -25,7 +26,9 @@ void ExpectSavedFlight(const Scenario& s, const std::string& base, const std::op
 
 // The fixes of an IGC file the program made from a download against those
 // of the flight the instrument was built from: times and altitudes exactly,
-// positions within one unit of the IGC text (1/60000 degree).
-testing::AssertionResult SameFixes(const std::string& madeIgc, const std::string& flightIgc);
+// positions within one unit of the IGC text (1/60000 degree); pressure
+// altitudes within `pressureMetres` where the instrument stores pressure.
+testing::AssertionResult SameFixes(const std::string& madeIgc, const std::string& flightIgc,
+                                   int32_t pressureMetres = 0);
 
 }  // namespace test

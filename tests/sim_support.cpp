@@ -75,6 +75,23 @@ SimRig::SimRig(std::unique_ptr<sim::Instrument> instrument, std::vector<sim::Lin
   if (simulator_.Start() != 0) throw std::runtime_error(simulator_.error());
 }
 
+FlymasterRig::FlymasterRig(sim::InstrumentSettings settings, std::vector<sim::LineFault> faults)
+    : instrument_(new sim::flymaster::FlymasterInstrument(std::move(settings))),
+      simulator_(std::unique_ptr<sim::Instrument>(instrument_), 0, std::move(faults)) {
+  if (simulator_.Start() != 0) throw std::runtime_error(simulator_.error());
+}
+
+void FlymasterRig::Connect(int32_t gpsType) const {
+  std::snprintf(tGps.szComPort, sizeof tGps.szComPort, "%s", simulator_.path().c_str());
+  tGps.dwGpsType = gpsType;
+}
+
+std::vector<std::string> FlymasterRig::Commands() const {
+  std::vector<std::string> texts;
+  for (const sim::flymaster::Command& c : instrument_->commands()) texts.push_back(c.text);
+  return texts;
+}
+
 void SimRig::Connect(int32_t gpsType) const {
   std::snprintf(tGps.szComPort, sizeof tGps.szComPort, "%s", simulator_.path().c_str());
   tGps.dwGpsType = gpsType;
@@ -90,6 +107,7 @@ std::string GpsSwitch(const std::string& family) {
   if (family == "ascent") return "-gas";
   if (family == "mlr") return "-gm";
   if (family == "leonardo") return "-gda";
+  if (family == "flymaster") return "-gyn";
   return "-gc";
 }
 
@@ -180,7 +198,7 @@ std::vector<std::string> CommandsOf(SimRig& rig, const std::string& family) {
   if (family == "iqbasic") return rig.instrument<sim::iqbasic::IqBasicInstrument>().commands();
   if (family == "ascent") return rig.instrument<sim::ascent::AscentInstrument>().requests();
   if (family == "mlr") return rig.instrument<sim::mlr::MlrInstrument>().commands();
-  if (family == "leonardo") return CommandLines(rig.simulator().ReceivedBytes());
+  if (family == "leonardo" || family == "flymaster") return CommandLines(rig.simulator().ReceivedBytes());
   std::vector<std::string> texts;
   for (const sim::galileo::Command& c : rig.instrument<sim::galileo::FlytecInstrument>().commands()) {
     texts.push_back(c.text);
@@ -202,7 +220,7 @@ void RunScenarios(std::vector<Scenario>* scenarios) {
         return;
       }
       TempDir dir;
-      std::vector<std::string> args = {GpsSwitch(s.family), "-cu." + s.port};
+      std::vector<std::string> args = {s.gps.empty() ? GpsSwitch(s.family) : s.gps, "-cu." + s.port};
       args.insert(args.end(), s.args.begin(), s.args.end());
       s.result = RunKestrix(args, dir.path(), s.input);
       rig.Stop();

@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "sim/flymaster.h"
 #include "sim/galileo.h"
 #include "sim/sim.h"
 #include "support.h"
@@ -71,8 +72,24 @@ class SimRig {
 // A new instrument of the named family; throws when there is none.
 std::unique_ptr<sim::Instrument> MakeInstrument(const std::string& family, const sim::InstrumentSettings& settings);
 
-// The -g switch of a simulated family ("flytec", "iqbasic", "ascent", "mlr", "leonardo").
+// The -g switch of a simulated family ("flytec", "iqbasic", "ascent", "mlr", "leonardo",
+// "flymaster" for the new models).
 std::string GpsSwitch(const std::string& family);
+
+// A Flymaster instrument on a pseudo-terminal, served flat out.
+class FlymasterRig {
+ public:
+  explicit FlymasterRig(sim::InstrumentSettings settings, std::vector<sim::LineFault> faults = {});
+  // Points the run parameters at the rig: the port and the instrument type.
+  void Connect(int32_t gpsType) const;
+  void Stop() { simulator_.Stop(); }
+  const sim::flymaster::FlymasterInstrument& instrument() const { return *instrument_; }
+  std::vector<std::string> Commands() const;
+
+ private:
+  sim::flymaster::FlymasterInstrument* instrument_;
+  sim::Simulator simulator_;
+};
 
 // One run of the program against its own simulated instrument.
 struct Scenario {
@@ -82,6 +99,7 @@ struct Scenario {
   std::vector<sim::LineFault> faults{};
   std::vector<std::string> args{};  // after the family's "-g" switch and "-cu.<port>"
   std::string input{};              // typed at the console
+  std::string gps{};                // the program's instrument switch, when not the family's own
   // Filled in by RunScenarios.
   std::string port{};
   RunResult result{};

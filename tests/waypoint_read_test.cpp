@@ -414,8 +414,8 @@ TEST(UploadCommand, ReadsTheFileBeforeTheMissingUploadStep) {
   } cases[] = {
       // The file is read first; only then is the (here missing) port opened.
       {{"-gc", "-rpoints.wpt"}, "2 waypoints found\nCould not open COM port \n"},
-      {{"-gy", "-rpoints.geo"}, "1 waypoints found\nFlymaster waypoint upload: not available in this build\n"},
-      {{"-gyn", "--silent", "-rpoints.wpt"}, "Flymaster waypoint upload: not available in this build\n"},
+      {{"-gy", "-rpoints.geo"}, "1 waypoints found\nCould not open COM port \n"},
+      {{"-gyn", "--silent", "-rpoints.wpt"}, ""},
       {{"-gy", "-rbad.wpt"}, "Bad line 6\n"},
       {{"-gy", "--silent", "-rbad.wpt"}, ""},
       {{"-gc", "--silent", "-rmissing.wpt"}, "Couldn't open file for reading\n"},

@@ -14,6 +14,7 @@
 #include "igc/igc.h"
 #include "output/file.h"
 #include "serial/ascent.h"
+#include "serial/flymaster.h"
 #include "serial/galileo.h"
 #include "serial/leonardo.h"
 #include "serial/iqbasic.h"
@@ -61,12 +62,6 @@ constexpr const char* kHelpTexts[] = {
     "Progress lines to terminal include crlf.\n--silent    No output to terminal (NMEA type "
     "GPS).\n--skip      Skip existing file.\n\n",
 };
-
-// Stands in for a command whose module this build does not have yet.
-int32_t NotInThisBuild(const char* what) {
-  std::printf("%s: not available in this build\n", what);
-  return -1;
-}
 
 // Signal-safe formatting of "\n<name>(): Got signal <n>\n".
 void WriteSignalMessage(const char* name, int signal) {
@@ -245,7 +240,7 @@ void MainProgram() {
       switch (tGps.dwGpsType) {
         case kGpsFlymasterNew:
         case kGpsFlymaster:
-          result = NotInThisBuild("Flymaster track download");
+          result = DownloadFlymasterTrackLog();
           break;
         case kGpsGalileo:
           result = DownloadGalileoTrackLog();
@@ -276,7 +271,7 @@ void MainProgram() {
       switch (tGps.dwGpsType) {
         case kGpsFlymasterNew:
         case kGpsFlymaster:
-          NotInThisBuild("Flymaster track download");
+          DownloadFlymasterBulkTrackLog();
           break;
         case kGpsAscent:
           DownloadAscentBulkTrackLog();
@@ -302,7 +297,7 @@ void MainProgram() {
           break;
         case kGpsFlymaster:
         case kGpsFlymasterNew:
-          result = NotInThisBuild("Flymaster waypoint download");
+          result = DownloadFlymasterWaypoints();
           break;
         default:
           std::printf("Waypoint download not supported for the selected GPS\n");
@@ -325,7 +320,7 @@ void MainProgram() {
         if (tGps.dwGpsType == kGpsGalileo) {
           UploadGalileoWaypoints();
         } else {
-          NotInThisBuild("Flymaster waypoint upload");
+          UploadFlymasterWaypoints();
         }
       }
       break;

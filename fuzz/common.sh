@@ -12,7 +12,7 @@ fuzz_build() {
   run cmake --build "$build" -j "${FUZZ_BUILD_JOBS:-2}" >/dev/null
   rm -rf "$out/seeds"
   # A coverage build records the seed maker's run too; keep that out of the tree.
-  LLVM_PROFILE_FILE=$out/make_seeds.profraw run "$build/make_seeds" "$root" "$out/seeds"
+  LLVM_PROFILE_FILE=$out/make_seeds.profraw run "$build/make_seeds" "$root" "$out/seeds" >/dev/null
 }
 
 # The targets named on the command line, or all of fuzz/targets/.

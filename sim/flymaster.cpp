@@ -20,7 +20,6 @@ namespace {
 
 constexpr uint32_t kInstrumentEpoch = 315619200;
 constexpr size_t kBlockSize = 4096;
-constexpr size_t kBlockHeader = 12;
 constexpr uint8_t kPreambleLength = 16;  // block 0: bytes skipped before the first record
 constexpr size_t kCommandLimit = 200;
 constexpr size_t kEntriesPerBlock = 42;  // six-byte entries in one track block
@@ -28,7 +27,8 @@ constexpr int kFamilySwitch = 100;       // fixes per family when both alternate
 constexpr useconds_t kStoreDelay = 50000;  // writing a waypoint to flash
 
 constexpr uint8_t kInfo = 0xA0, kKey = 0xA1, kTrack = 0xA2, kEnd = 0xA3;
-constexpr uint8_t kAccepted = 0xB1, kBadChecksum = 0xB2, kAborted = 0xB3;
+// 0xB2 between them asks for the same block again.
+constexpr uint8_t kAccepted = 0xB1, kAborted = 0xB3;
 
 int HexValue(char c) {
   if (c >= '0' && c <= '9') return c - '0';

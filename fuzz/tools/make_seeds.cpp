@@ -12,6 +12,8 @@
 #include <vector>
 
 #include "../../tests/syride_emulator.h"
+#include "serial_replay.h"
+#include "sim/sim.h"
 #include "usb_replay.h"
 
 namespace {
@@ -141,6 +143,41 @@ void SyrideSeeds(const std::filesystem::path& root) {
   }
 }
 
+std::string ReadText(const std::filesystem::path& path) {
+  std::ifstream file(path, std::ios::binary);
+  std::string text((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
+  if (!file && !file.eof()) throw std::runtime_error("cannot read " + path.string());
+  return text;
+}
+
+// Each serial action's conversation with the simulated instrument of its
+// family, holding two short flights and a few waypoints.
+void SerialSeeds(const std::filesystem::path& root) {
+  const std::string iq = ReadText(root / "tests/data/igc/pg-iqbasic-8s.igc");
+  const std::string sky = ReadText(root / "tests/data/igc/pg-skytraxx-13min.igc");
+  std::vector<sim::SimWaypoint> waypoints;
+  if (!sim::ReadOziWaypoints(ReadText(root / "tests/data/waypoints/golden.wpt"), &waypoints)) {
+    throw std::runtime_error("cannot read the seed waypoints");
+  }
+  const std::vector<fuzz::serial::Action>& actions = fuzz::serial::Actions();
+  for (size_t a = 0; a < actions.size(); ++a) {
+    const std::string name = actions[a].name;
+    const std::string family = name.substr(0, name.find('-'));
+    const sim::Family* f = sim::FindFamily(family);
+    if (f == nullptr) throw std::runtime_error("no simulated family " + family);
+    sim::InstrumentSettings settings{.flights = {iq, sky}, .waypoints = waypoints};
+    if (family == "flymaster" && name.find("new") == std::string::npos) settings.firmware = "2.01";
+    sim::Simulator simulator(f->create(settings), 0);
+    if (simulator.Start() != 0) throw std::runtime_error(simulator.error());
+    // -f2, the older of the two flights.
+    const std::string script = fuzz::serial::Record(a, 3, simulator.path());
+    simulator.Settle();
+    simulator.Stop();
+    if (script.size() <= 2) throw std::runtime_error("nothing recorded for " + name);
+    Write("serial_download", name, Bytes(script.begin(), script.end()));
+  }
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -151,6 +188,7 @@ int main(int argc, char** argv) {
   try {
     outFolder = argv[2];
     SyrideSeeds(argv[1]);
+    SerialSeeds(argv[1]);
   } catch (const std::exception& error) {
     std::fprintf(stderr, "make_seeds: %s\n", error.what());
     return 1;

@@ -74,7 +74,14 @@ void ConvertGpsTimeToSystemTime(uint32_t gps, SystemTime* out) {
   out->wSecond = s % 60u;
 }
 
+namespace {
+uint64_t (*pfnWallClock)() = nullptr;
+}  // namespace
+
+void SetWallClockSource(uint64_t (*source)()) { pfnWallClock = source; }
+
 uint64_t GetWallClockMicroseconds() {
+  if (pfnWallClock != nullptr) return pfnWallClock();
   timeval tv{};
   gettimeofday(&tv, nullptr);
   return static_cast<uint64_t>(tv.tv_sec) * 1000000u + static_cast<uint64_t>(tv.tv_usec);

@@ -47,3 +47,6 @@ void ConvertGpsTimeToSystemTime(uint32_t gps, SystemTime* out);
 
 // Wall clock in microseconds; the clock behind silence timers and progress.
 uint64_t GetWallClockMicroseconds();
+// Replaces that clock (null: the system's again), for links replayed on
+// their own time.
+void SetWallClockSource(uint64_t (*source)());

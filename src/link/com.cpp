@@ -14,6 +14,8 @@ int32_t hComPort = -1;
 
 namespace {
 
+const LinkStandIn* pStandIn = nullptr;
+
 constexpr int kReadChunk = 300;
 constexpr useconds_t kPollSleep = 10000;
 constexpr useconds_t kFullSleep = 100000;
@@ -87,6 +89,13 @@ int32_t GetComSpeedForType(int32_t gpsType) {
 }
 
 int32_t OpenComPort() {
+  if (pStandIn != nullptr) {
+    pStandIn->opened(1);
+    std::printf("Opened port %s\nStarting COM thread\n", tGps.szComPort);
+    tGps.nFifoRead.store(0, std::memory_order_relaxed);
+    tGps.nFifoWrite.store(0, std::memory_order_relaxed);
+    return 0;
+  }
   int32_t baud = GetComSpeedForType(tGps.dwGpsType);
   int fd = open(tGps.szComPort, O_RDWR | O_NONBLOCK | O_NOCTTY);
   if (fd < 0) {
@@ -123,6 +132,10 @@ int32_t OpenComPort() {
 }
 
 int32_t SetComSpeed(int32_t baud) {
+  if (pStandIn != nullptr) {
+    pStandIn->speed(baud);
+    return 0;
+  }
   speed_t speed = B9600;
   if (baud == 57600 || baud == 38400 || baud == 19200 || baud == 4800) speed = ToSpeed(baud);
   termios settings = RawSettings(speed, CS8 | CREAD | CLOCAL);
@@ -132,6 +145,11 @@ int32_t SetComSpeed(int32_t baud) {
 }
 
 int32_t CloseComPort() {
+  if (pStandIn != nullptr) {
+    pStandIn->opened(0);
+    std::printf("Exiting COM thread\n");
+    return 0;
+  }
   tGps.bComThreadStop.store(1, std::memory_order_release);
   WaitForThreadState([](int32_t state) { return state != kThreadRunning; });
   return close(hComPort);
@@ -179,7 +197,7 @@ int32_t NonEmptyComFifo() {
 
 int32_t NonEmptyComFifoWithSleep(int32_t milliseconds) {
   if (NonEmptyComFifo()) return 1;
-  usleep(static_cast<useconds_t>(milliseconds) * 1000u);
+  PauseLink(static_cast<uint32_t>(milliseconds) * 1000u);
   return 0;
 }
 
@@ -191,6 +209,10 @@ uint8_t ReadComFifo() {
 }
 
 int32_t WriteComString(const char* text) {
+  if (pStandIn != nullptr) {
+    pStandIn->sent(reinterpret_cast<const uint8_t*>(text), static_cast<int32_t>(std::strlen(text)));
+    return 0;
+  }
   ssize_t ignored = write(hComPort, text, std::strlen(text));
   (void)ignored;
   return 0;
@@ -198,6 +220,10 @@ int32_t WriteComString(const char* text) {
 
 int32_t WriteComData(const uint8_t* data, int32_t length) {
   if (length <= 0) return 0;
+  if (pStandIn != nullptr) {
+    pStandIn->sent(data, length);
+    return 0;
+  }
   ssize_t ignored = write(hComPort, data, static_cast<size_t>(length));
   (void)ignored;
   return 0;
@@ -207,4 +233,14 @@ void WriteComFifo(uint8_t byte) {
   int32_t head = tGps.nFifoWrite.load(std::memory_order_relaxed);
   tGps.abComFifo[head] = byte;
   tGps.nFifoWrite.store(NextFifoIndex(head), std::memory_order_release);
+}
+
+void UseLinkStandIn(const LinkStandIn* standIn) { pStandIn = standIn; }
+
+void PauseLink(uint32_t microseconds) {
+  if (pStandIn != nullptr) {
+    pStandIn->waited(microseconds);
+    return;
+  }
+  usleep(static_cast<useconds_t>(microseconds));
 }

@@ -32,3 +32,22 @@ int32_t WriteComString(const char* text);
 int32_t WriteComData(const uint8_t* data, int32_t length);
 // Appends one byte as if it had been received (no full check).
 void WriteComFifo(uint8_t byte);
+
+// Stands in for the device, so that answers can be replayed without a port,
+// a reader thread or real waiting. Open and close print what they print
+// with a device.
+struct LinkStandIn {
+  // Everything the program writes.
+  void (*sent)(const uint8_t* data, int32_t length);
+  // The program waits `microseconds`: the moment to put answer bytes into
+  // the FIFO (WriteComFifo) and let the stand-in's clock run.
+  void (*waited)(uint32_t microseconds);
+  // The port opens (1) or closes (0).
+  void (*opened)(int32_t open);
+  // The program sets the line speed.
+  void (*speed)(int32_t baud);
+};
+// Null: the device again.
+void UseLinkStandIn(const LinkStandIn* standIn);
+// Every pause of the instrument modules goes through here.
+void PauseLink(uint32_t microseconds);

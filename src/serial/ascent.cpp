@@ -31,7 +31,7 @@ constexpr int64_t kProductSilence = 1000000;
 constexpr int64_t kListTimeout = 2000000;
 constexpr int64_t kListMessageEnd = 100000;
 constexpr int64_t kPacketSilence = 2000000;
-constexpr useconds_t kAfterProduct = 500000;
+constexpr uint32_t kAfterProduct = 500000;
 
 constexpr int32_t kSectionCapacities[kSections] = {1000, 1000, 10000, 1000, 1000};
 constexpr int32_t kLinesPerProgress = 500;
@@ -263,7 +263,7 @@ int32_t ReadProductData(Product* product) {
       if (held == kProductResponseSize &&
           DecodeProductResponse(response, product, tGps.szProduct, sizeof tGps.szProduct)) {
         std::printf("%s\n", tGps.szProduct);
-        usleep(kAfterProduct);
+        PauseLink(kAfterProduct);
         return 0;
       }
     }

@@ -37,9 +37,9 @@ constexpr int64_t kTransferSilence = 2000000;
 constexpr int64_t kDumpSilence = 1000000;
 constexpr int64_t kNewDumpSilence = 500000;
 
-constexpr useconds_t kAfterProductSleep = 1000000;
-constexpr useconds_t kBeforeProductSleep = 100000;
-constexpr useconds_t kUploadSpacing = 100000;
+constexpr uint32_t kAfterProductSleep = 1000000;
+constexpr uint32_t kBeforeProductSleep = 100000;
+constexpr uint32_t kUploadSpacing = 100000;
 constexpr uint64_t kDumpProgressInterval = 200000;
 
 constexpr int kSelectLineSize = 101;
@@ -693,7 +693,7 @@ int32_t ReadProductData(FlymasterTransfer* t) {
   if (StoreProductSentence(t) < 0) return -1;
   std::printf("%s\n", t->product);
   std::fflush(stdout);
-  usleep(kAfterProductSleep);
+  PauseLink(kAfterProductSleep);
   return 0;
 }
 
@@ -1228,7 +1228,7 @@ int32_t WriteWaypoints(FlymasterTransfer* t) {
       if (errors == 0) firstError = answer;
       ++errors;
     }
-    if (i + 1 < tGps.nWaypoints) usleep(kUploadSpacing);
+    if (i + 1 < tGps.nWaypoints) PauseLink(kUploadSpacing);
   }
   if (errors > 0) {
     std::printf("%d, %d errors, first error was type %d\n", tGps.nWaypoints, errors, firstError);
@@ -1245,11 +1245,11 @@ using flymaster::FlymasterTransfer;
 namespace {
 
 template <typename Stage>
-int32_t RunFlymasterCommand(useconds_t pause, Stage stage) {
+int32_t RunFlymasterCommand(uint32_t pause, Stage stage) {
   FlymasterTransfer transfer;
   flymaster::ResetTransfer(&transfer);
   if (OpenComPort() < 0) return -1;
-  if (pause > 0) usleep(pause);
+  if (pause > 0) PauseLink(pause);
   int32_t result = flymaster::ReadProductData(&transfer);
   if (result == 0) result = stage(&transfer);
   CloseComPort();

@@ -48,8 +48,8 @@ constexpr double kMinuteToRadians = 0.0002908882086657;
 constexpr double kThousandthToRadians = 2.908882086657e-7;
 constexpr double kRadiansToThousandths = 3437746.770785;
 
-constexpr useconds_t kAfterProductSleep = 1000000;
-constexpr useconds_t kUploadSpacing = 300000;
+constexpr uint32_t kAfterProductSleep = 1000000;
+constexpr uint32_t kUploadSpacing = 300000;
 
 // Models that keep a flight list, and the firmware each needs for it
 // (compared as text, byte by byte); none: any firmware.
@@ -770,7 +770,7 @@ int32_t ReadProductData(GalileoTransfer* t) {
   std::snprintf(tGps.szProduct, kProductSize, "%.80s", t->summary);
   std::printf("%s\n", t->summary);
   std::fflush(stdout);
-  usleep(kAfterProductSleep);
+  PauseLink(kAfterProductSleep);
   return 0;
 }
 
@@ -925,7 +925,7 @@ int32_t WriteWaypoints(GalileoTransfer*) {
     char sentence[80];
     FormatWaypointSentence(tGps.pWaypoints[i], sentence);
     WriteComString(sentence);
-    usleep(kUploadSpacing);
+    PauseLink(kUploadSpacing);
     progress.Update(i + 1);
   }
   progress.Finish(tGps.nWaypoints);

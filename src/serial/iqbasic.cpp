@@ -25,7 +25,7 @@ constexpr int64_t kAnswerSilence = 2000000;
 constexpr int64_t kListSilence = 1000000;
 constexpr int64_t kLogSilence = 1000000;
 constexpr uint64_t kByteProgressInterval = 1000000;
-constexpr useconds_t kAfterAnswer = 200000;
+constexpr uint32_t kAfterAnswer = 200000;
 
 constexpr int32_t kPilotFieldLength = 50;
 constexpr int kSelectLineSize = 101;
@@ -144,7 +144,7 @@ int32_t GetPAdata(char* line, const char* command) {
   StartLine(&answer, line, kAnswerSize - 1);
   int32_t result = ReceiveUntilSilent(kAnswerSilence, [&answer](uint8_t b) { return TakeLineByte(&answer, b) ? 0 : 1; });
   if (result != 0) return -1;
-  usleep(kAfterAnswer);
+  PauseLink(kAfterAnswer);
   return 0;
 }
 

@@ -5,6 +5,7 @@
 // (else "GPS"), bit 2 the block checksums left as they are (else each is
 // made right first, so that mutated blocks get handled).
 // fuzz-seeds: fuzz/seeds/flymaster_blocks
+// fuzz-dict: flymaster_binary.dict
 // fuzz-max-len: 8192
 
 #include <cstdint>

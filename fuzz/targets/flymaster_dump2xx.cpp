@@ -4,6 +4,7 @@
 // right first, so that mutated blocks get walked), bits 1-2 choose the
 // serial number text. The rest is the dump, in a buffer of exactly its size.
 // fuzz-seeds: fuzz/seeds/flymaster_dump2xx
+// fuzz-dict: flymaster_binary.dict
 // fuzz-max-len: 16384
 
 #include <cstdint>

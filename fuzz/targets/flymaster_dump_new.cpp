@@ -3,6 +3,7 @@
 // as received; else it is first cut to whole blocks and eight checksum bytes
 // and the checksum is made right, so that mutated blocks get walked.
 // fuzz-seeds: fuzz/seeds/flymaster_dump_new
+// fuzz-dict: flymaster_binary.dict
 // fuzz-max-len: 16384
 
 #include <cstdint>

@@ -94,12 +94,6 @@ uint32_t ReadU32(const uint8_t* p) {
 }
 int8_t ReadS8(uint8_t b) { return static_cast<int8_t>(b); }
 
-uint32_t CurrentGpsTime() {
-  SystemTime now;
-  GetDownloadTime(&now);
-  return ConvertSystemTimeToGpsTime(&now);
-}
-
 char ToUpper(char c) { return c >= 'a' && c <= 'z' ? static_cast<char>(c - 'a' + 'A') : c; }
 
 // At most `limit` characters of `text`, terminated.
@@ -163,17 +157,6 @@ bool AllocateTrack(int32_t points) {
   return tGps.pTrackPoints != nullptr;
 }
 
-void ReleaseTrack() {
-  std::free(tGps.pbRawLog);
-  tGps.pbRawLog = nullptr;
-  tGps.nRawLogSize = 0;
-  tGps.nRawLogLength = 0;
-  std::free(tGps.pTrackPoints);
-  tGps.pTrackPoints = nullptr;
-  tGps.nTrackCapacity = 0;
-  tGps.nTrackPoints = 0;
-}
-
 void SetTrackFlags(uint32_t downloadTime) {
   tGps.bUtc = 1;
   tGps.bSignature = 1;
@@ -221,7 +204,7 @@ Buffer<uint8_t> RequestDump(const FlymasterTransfer* t, int32_t trackNumber, con
     std::printf("Memory allocation error\n");
     return nullptr;
   }
-  *downloadTime = CurrentGpsTime();
+  *downloadTime = GetCurrentGpsTime();
   char command[48];
   FormatTrackCommand(t->trackStart[trackNumber - 1], mode, command);
   FlushComFifo();
@@ -1062,7 +1045,7 @@ OldStep FinishOldTransfer(FlymasterTransfer* t, ProgressCounter* progress) {
   if (!t->infoSeen) return Abort(" Missing flight info block\n");
   if (progress != nullptr) progress->Finish(tGps.nTrackPoints);
   if (tGps.nTrackPoints == 0) return OldStep{-1, 0, nullptr};
-  SetTrackFlags(CurrentGpsTime());
+  SetTrackFlags(GetCurrentGpsTime());
   return OldStep{0, 0, nullptr};
 }
 
@@ -1142,7 +1125,7 @@ int32_t ReadWaypoints(FlymasterTransfer* t) {
   StartReception(t);
   WriteComString(kWaypointCommand);
   ProgressCounter progress("Waypoints: ", 0);
-  uint32_t downloadTime = CurrentGpsTime();
+  uint32_t downloadTime = GetCurrentGpsTime();
   int32_t result = ReceiveUntilSilent(kTransferSilence, [t, &progress, downloadTime](uint8_t b) {
     if (!TakeSentenceByte(t, b)) return 1;
     if (StoreWaypointSentence(t, downloadTime) < 0) return -1;
@@ -1277,7 +1260,7 @@ int32_t DownloadFlymasterBulkTrackLog() {
       result = reader(t, track);
       if (result < 0) break;
       SaveTracklog();
-      flymaster::ReleaseTrack();
+      ReleaseTrackLog();
     }
     return result;
   });

@@ -3,8 +3,8 @@
 #include "sim/flymaster.h"
 #include "sim/galileo.h"
 #include "sim/iqbasic.h"
-#include "sim/mlr.h"
 #include "sim/leonardo.h"
+#include "sim/mlr.h"
 #include "sim/sim.h"
 
 namespace sim {

@@ -16,8 +16,8 @@
 #include "serial/ascent.h"
 #include "serial/flymaster.h"
 #include "serial/galileo.h"
-#include "serial/leonardo.h"
 #include "serial/iqbasic.h"
+#include "serial/leonardo.h"
 #include "serial/mlr.h"
 #include "usb/syride.h"
 

@@ -259,7 +259,7 @@ std::string StartStamp(uint32_t gpsTime) {
     day = static_cast<int>(left) + 1;
   }
   uint32_t second = gpsTime % 86400;
-  char text[16];
+  char text[32];  // wide enough for any values, so the compiler sees no cut
   std::snprintf(text, sizeof text, "%02d%02d%02d%02u%02u%02u", year % 100, month, day, second / 3600, second / 60 % 60,
                 second % 60);
   return text;

@@ -15,12 +15,13 @@
 #include "link/com.h"
 #include "serial/flymaster.h"
 #include "saved_support.h"
+#include "sim/flymaster.h"
 #include "sim_support.h"
 
 namespace {
 
 using test::Flight;
-using test::FlymasterRig;
+using test::SimRig;
 namespace simfm = sim::flymaster;
 
 constexpr double kDegree = 3.14159265358979323846 / 180.0;
@@ -84,13 +85,26 @@ std::string ListCommand(uint32_t start, const char* mode) {
   return text.substr(0, text.size() - 2);
 }
 
+// The sentences the instrument took, in order.
+std::vector<std::string> Commands(const SimRig& rig) {
+  std::vector<std::string> texts;
+  for (const sim::flymaster::Command& c : rig.instrument<sim::flymaster::FlymasterInstrument>().commands()) {
+    texts.push_back(c.text);
+  }
+  return texts;
+}
+
+const sim::flymaster::FlymasterInstrument& Instrument(const SimRig& rig) {
+  return rig.instrument<sim::flymaster::FlymasterInstrument>();
+}
+
 // An entry point's run against the rig, with what it printed.
 struct EntryRun {
   int32_t result;
   std::string out;
 };
 
-EntryRun RunEntry(FlymasterRig* rig, int32_t (*entry)()) {
+EntryRun RunEntry(SimRig* rig, int32_t (*entry)()) {
   testing::internal::CaptureStdout();
   int32_t result = entry();
   EntryRun run{result, testing::internal::GetCapturedStdout()};
@@ -107,7 +121,7 @@ struct StageRun {
 };
 
 template <typename Stage>
-StageRun RunStage(FlymasterRig* rig, int32_t gpsType, const char* serial, uint32_t start, Stage stage) {
+StageRun RunStage(SimRig* rig, int32_t gpsType, const char* serial, uint32_t start, Stage stage) {
   rig->Connect(gpsType);
   flymaster::FlymasterTransfer t;
   flymaster::ResetTransfer(&t);
@@ -120,8 +134,8 @@ StageRun RunStage(FlymasterRig* rig, int32_t gpsType, const char* serial, uint32
   CloseComPort();
   StageRun run{result, testing::internal::GetCapturedStdout(), {}, {}};
   rig->Stop();
-  run.commands = rig->Commands();
-  run.control = rig->instrument().controlBytes();
+  run.commands = Commands(*rig);
+  run.control = Instrument(*rig).controlBytes();
   return run;
 }
 
@@ -129,7 +143,7 @@ TEST(Flymaster2xx, ARealFlightComesBackAsTheInstrumentWroteIt) {
   test::FreshRunParameters();
   const std::string igc = Flight("pg-flymaster-b203-4h.igc");
   const std::vector<TrackPoint> expected = Reading(igc);
-  FlymasterRig rig({.firmware = "2.02a", .serial = "2719", .flights = {igc}, .faults = {"family=2", "hardware=45571"}});
+  SimRig rig("flymaster", {.firmware = "2.02a", .serial = "2719", .flights = {igc}, .faults = {"family=2", "hardware=45571"}});
   rig.Connect(kGpsFlymasterNew);
   tGps.dwCommand = kCommandDownloadTrack;
   tGps.nFlightNumber = 1;
@@ -142,7 +156,7 @@ TEST(Flymaster2xx, ARealFlightComesBackAsTheInstrumentWroteIt) {
   EXPECT_EQ(WithoutDumpUpdates(out), Opened(tGps.szComPort) + "Product: Flymaster GPS  SN2719  SW2.02a\n" +
                                          "Track list:\n 1   06.06.19   10:39:09   03:55:41\n" + "Bytes: 0\b" +
                                          std::to_string(dumpSize) + "\nGot 14142 points\nExiting COM thread\n");
-  EXPECT_EQ(rig.Commands(), (std::vector<std::string>{"$PFMSNP,*21", "$PFMDNL,LST,*72",
+  EXPECT_EQ(Commands(rig), (std::vector<std::string>{"$PFMSNP,*21", "$PFMDNL,LST,*72",
                                                       ListCommand(expected[0].dwTime, "4")}));
   // The text is the instrument's own file with the program's L record.
   std::string text = igc;
@@ -171,7 +185,7 @@ TEST(Flymaster2xx, BothFixFamiliesAndATaskMakeTheIgcText) {
   const std::string igc = Flight("pg-brauniger-compeo-task.igc");
   const std::vector<simfm::Fix> fixes = simfm::ReadFixes(igc);
   ASSERT_EQ(fixes.size(), 3914u);
-  FlymasterRig rig({.firmware = "2.05", .serial = "565", .flights = {igc}});
+  SimRig rig("flymaster", {.firmware = "2.05", .serial = "565", .flights = {igc}});
   const simfm::Dump dump = simfm::BuildDump(igc, {.build = 5330, .pilot = "CARAVITIS ALEX"});
   StageRun run = RunStage(&rig, kGpsFlymasterNew, "565", fixes[0].time,
                           [](flymaster::FlymasterTransfer* t) { return flymaster::ReadTrackLog2xx(t, 1); });
@@ -249,7 +263,7 @@ TEST(FlymasterPre202, TheDumpDecodesStraightIntoPoints) {
   const std::string igc = Flight("pg-brauniger-compeo-task.igc");
   const std::vector<TrackPoint> expected = Reading(igc);
   const simfm::Dump dump = simfm::BuildDump(igc, {.kind = simfm::DumpKind::kPre202});
-  FlymasterRig rig({.firmware = "2.01", .flights = {igc}});
+  SimRig rig("flymaster", {.firmware = "2.01", .flights = {igc}});
   uint32_t before = Now();
   StageRun run = RunStage(&rig, kGpsFlymasterNew, "1234", expected[0].dwTime,
                           [](flymaster::FlymasterTransfer* t) { return flymaster::ReadTrackLogNew(t, 1); });
@@ -277,7 +291,7 @@ TEST(FlymasterOlderModel, BlocksAreAcknowledgedOneByOne) {
   test::FreshRunParameters();
   const std::string igc = Flight("pg-skytraxx-13min.igc");
   const std::vector<TrackPoint> expected = Reading(igc);
-  FlymasterRig rig({.model = "B1NAV", .firmware = "1.20", .flights = {igc}, .faults = {"bad-block-checksum"}});
+  SimRig rig("flymaster", {.model = "B1NAV", .firmware = "1.20", .flights = {igc}, .faults = {"bad-block-checksum"}});
   rig.Connect(kGpsFlymaster);
   tGps.dwCommand = kCommandDownloadTrack;
   tGps.nFlightNumber = 1;
@@ -287,7 +301,7 @@ TEST(FlymasterOlderModel, BlocksAreAcknowledgedOneByOne) {
   EXPECT_EQ(out, Opened(tGps.szComPort) + "Product: Flymaster B1NAV  SN1234  SW1.20\n" +
                      "Track list:\n 1   06.03.21   10:34:11   00:03:40\n" +
                      test::ProgressText("Points: ", {200}, 221) + "Exiting COM thread\n");
-  EXPECT_EQ(rig.Commands(), (std::vector<std::string>{"$PBRSNP,*21", "$PFMDNL,LST,*72",
+  EXPECT_EQ(Commands(rig), (std::vector<std::string>{"$PBRSNP,*21", "$PFMDNL,LST,*72",
                                                       ListCommand(expected[0].dwTime, "")}));
   const simfm::BlockTransfer blocks = simfm::BuildBlockTransfer(igc, "B1NAV", "");
   // Every block accepted; the damaged one first refused, then taken.
@@ -295,7 +309,7 @@ TEST(FlymasterOlderModel, BlocksAreAcknowledgedOneByOne) {
   size_t firstTrack = 0;
   while (blocks.blocks[firstTrack].type != 0xA2) ++firstTrack;
   control[firstTrack] = '\xB2';
-  EXPECT_EQ(rig.instrument().controlBytes(), control);
+  EXPECT_EQ(Instrument(rig).controlBytes(), control);
   ASSERT_EQ(tGps.nTrackPoints, 221);
   for (int i = 0; i < tGps.nTrackPoints; ++i) {
     const TrackPoint& p = tGps.pTrackPoints[i];
@@ -325,7 +339,7 @@ std::vector<sim::SimWaypoint> SomeWaypoints() {
 TEST(FlymasterWaypoints, DownloadFillsTheWaypointList) {
   test::FreshRunParameters();
   const std::vector<sim::SimWaypoint> stored = SomeWaypoints();
-  FlymasterRig rig({.firmware = "1.19", .waypoints = stored});
+  SimRig rig("flymaster", {.firmware = "1.19", .waypoints = stored});
   rig.Connect(kGpsFlymaster);
   tGps.dwCommand = kCommandDownloadWaypoints;
   uint32_t before = Now();
@@ -334,7 +348,7 @@ TEST(FlymasterWaypoints, DownloadFillsTheWaypointList) {
   ASSERT_EQ(result, 0) << out;
   EXPECT_EQ(out, Opened(tGps.szComPort) + "Product: Flymaster GPS  SN1234  SW1.19\n" +
                      test::ProgressText("Waypoints: ", {10}, 11) + "Exiting COM thread\n");
-  EXPECT_EQ(rig.Commands(), (std::vector<std::string>{"$PBRSNP,*21", "$PFMWPL,*3c"}));
+  EXPECT_EQ(Commands(rig), (std::vector<std::string>{"$PBRSNP,*21", "$PFMWPL,*3c"}));
   ASSERT_EQ(tGps.nWaypoints, 11);
   const char* ids[] = {"LAUNCH", "LOW", "X"};
   const char* comments[] = {"Launch west", "low Meadow", "X"};
@@ -357,7 +371,7 @@ TEST(FlymasterWaypoints, DownloadFillsTheWaypointList) {
 
 TEST(FlymasterWaypoints, UploadIsAnsweredWaypointByWaypoint) {
   test::FreshRunParameters();
-  FlymasterRig rig({.firmware = "1.19"});  // the first that takes marks
+  SimRig rig("flymaster", {.firmware = "1.19"});  // the first that takes marks
   rig.Connect(kGpsFlymasterNew);
   tGps.dwCommand = kCommandUploadWaypoints;
   const struct {
@@ -383,7 +397,7 @@ TEST(FlymasterWaypoints, UploadIsAnsweredWaypointByWaypoint) {
   ASSERT_EQ(result, 0) << out;
   EXPECT_EQ(out, Opened(tGps.szComPort) + "Product: Flymaster GPS  SN1234  SW1.19\nWaypoints: 0\b1\b2\b3\n" +
                      "Exiting COM thread\n");
-  const auto& commands = rig.instrument().commands();
+  const auto& commands = Instrument(rig).commands();
   ASSERT_EQ(commands.size(), 4u);
   EXPECT_EQ(commands[1].text, WithChecksum("$PFMWPR,4630.250,N,00715.500,E,,Col d'Aze       ,1250,1"));
   EXPECT_EQ(commands[2].text, WithChecksum("$PFMWPR,3412.345,S,12159.999,W,,a_very-long name,9999"));
@@ -391,7 +405,7 @@ TEST(FlymasterWaypoints, UploadIsAnsweredWaypointByWaypoint) {
   for (size_t i = 2; i < commands.size(); ++i) {
     EXPECT_GE(commands[i].micros - commands[i - 1].micros, 100000u) << "spacing before sentence " << i;
   }
-  const auto& uploaded = rig.instrument().uploaded();
+  const auto& uploaded = Instrument(rig).uploaded();
   ASSERT_EQ(uploaded.size(), 3u);
   EXPECT_EQ(uploaded[0].name, "Col d'Aze");
   EXPECT_EQ(uploaded[0].flag, 1);

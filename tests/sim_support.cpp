@@ -75,23 +75,6 @@ SimRig::SimRig(std::unique_ptr<sim::Instrument> instrument, std::vector<sim::Lin
   if (simulator_.Start() != 0) throw std::runtime_error(simulator_.error());
 }
 
-FlymasterRig::FlymasterRig(sim::InstrumentSettings settings, std::vector<sim::LineFault> faults)
-    : instrument_(new sim::flymaster::FlymasterInstrument(std::move(settings))),
-      simulator_(std::unique_ptr<sim::Instrument>(instrument_), 0, std::move(faults)) {
-  if (simulator_.Start() != 0) throw std::runtime_error(simulator_.error());
-}
-
-void FlymasterRig::Connect(int32_t gpsType) const {
-  std::snprintf(tGps.szComPort, sizeof tGps.szComPort, "%s", simulator_.path().c_str());
-  tGps.dwGpsType = gpsType;
-}
-
-std::vector<std::string> FlymasterRig::Commands() const {
-  std::vector<std::string> texts;
-  for (const sim::flymaster::Command& c : instrument_->commands()) texts.push_back(c.text);
-  return texts;
-}
-
 void SimRig::Connect(int32_t gpsType) const {
   std::snprintf(tGps.szComPort, sizeof tGps.szComPort, "%s", simulator_.path().c_str());
   tGps.dwGpsType = gpsType;

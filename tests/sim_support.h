@@ -8,7 +8,6 @@
 #include <string>
 #include <vector>
 
-#include "sim/flymaster.h"
 #include "sim/galileo.h"
 #include "sim/sim.h"
 #include "support.h"
@@ -75,21 +74,6 @@ std::unique_ptr<sim::Instrument> MakeInstrument(const std::string& family, const
 // The -g switch of a simulated family ("flytec", "iqbasic", "ascent", "mlr", "leonardo",
 // "flymaster" for the new models).
 std::string GpsSwitch(const std::string& family);
-
-// A Flymaster instrument on a pseudo-terminal, served flat out.
-class FlymasterRig {
- public:
-  explicit FlymasterRig(sim::InstrumentSettings settings, std::vector<sim::LineFault> faults = {});
-  // Points the run parameters at the rig: the port and the instrument type.
-  void Connect(int32_t gpsType) const;
-  void Stop() { simulator_.Stop(); }
-  const sim::flymaster::FlymasterInstrument& instrument() const { return *instrument_; }
-  std::vector<std::string> Commands() const;
-
- private:
-  sim::flymaster::FlymasterInstrument* instrument_;
-  sim::Simulator simulator_;
-};
 
 // One run of the program against its own simulated instrument.
 struct Scenario {

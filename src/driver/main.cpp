@@ -149,6 +149,21 @@ int AppendRawLog(const uint8_t* bytes, int32_t count) {
   return 0;
 }
 
+void ReleaseWaypointList() {
+  std::free(tGps.pWaypoints);
+  tGps.pWaypoints = nullptr;
+  tGps.nWaypointCapacity = 0;
+  tGps.nWaypoints = 0;
+}
+
+int StartWaypointList() {
+  ReleaseWaypointList();
+  tGps.pWaypoints = static_cast<Waypoint*>(std::malloc(sizeof(Waypoint) * kWaypointInitialCapacity));
+  if (tGps.pWaypoints == nullptr) return -1;
+  tGps.nWaypointCapacity = kWaypointInitialCapacity;
+  return 0;
+}
+
 void ReleaseTrackLog() {
   std::free(tGps.pbRawLog);
   tGps.pbRawLog = nullptr;

@@ -131,6 +131,10 @@ int AppendRawLog(const uint8_t* bytes, int32_t count);
 
 // Frees the raw log and the track log, leaving both empty.
 void ReleaseTrackLog();
+// Frees the waypoint list, leaving it empty.
+void ReleaseWaypointList();
+// An empty waypoint list with its first room; -1 when memory ran out.
+int StartWaypointList();
 
 int KestrixMain(int argc, char** argv);
 void help();

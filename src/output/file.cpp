@@ -268,21 +268,6 @@ void Report(const char* format, ...) {
   va_end(arguments);
 }
 
-void ReleaseWaypointList() {
-  std::free(tGps.pWaypoints);
-  tGps.pWaypoints = nullptr;
-  tGps.nWaypointCapacity = 0;
-  tGps.nWaypoints = 0;
-}
-
-int StartWaypointList() {
-  ReleaseWaypointList();
-  tGps.pWaypoints = static_cast<Waypoint*>(std::malloc(sizeof(Waypoint) * kWaypointInitialCapacity));
-  if (tGps.pWaypoints == nullptr) return -1;
-  tGps.nWaypointCapacity = kWaypointInitialCapacity;
-  return 0;
-}
-
 // Stores a decoded waypoint; the room doubles as soon as the count reaches it.
 int StoreWaypoint(const Waypoint& waypoint) {
   tGps.pWaypoints[tGps.nWaypoints++] = waypoint;

@@ -1113,15 +1113,10 @@ int32_t StoreWaypointSentence(FlymasterTransfer* t, uint32_t downloadTime) {
 }
 
 int32_t ReadWaypoints(FlymasterTransfer* t) {
-  std::free(tGps.pWaypoints);
-  tGps.nWaypoints = 0;
-  tGps.pWaypoints = static_cast<Waypoint*>(std::malloc(sizeof(Waypoint) * kWaypointInitialCapacity));
-  if (tGps.pWaypoints == nullptr) {
-    tGps.nWaypointCapacity = 0;
+  if (StartWaypointList() < 0) {
     std::printf("Memory allocation error\n");
     return -1;
   }
-  tGps.nWaypointCapacity = kWaypointInitialCapacity;
   StartReception(t);
   WriteComString(kWaypointCommand);
   ProgressCounter progress("Waypoints: ", 0);

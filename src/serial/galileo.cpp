@@ -887,15 +887,10 @@ int32_t ReadAllTrackLogs(GalileoTransfer* t, int32_t (*save)()) {
 }
 
 int32_t ReadWaypoints(GalileoTransfer* t) {
-  std::free(tGps.pWaypoints);
-  tGps.nWaypoints = 0;
-  tGps.pWaypoints = static_cast<Waypoint*>(std::malloc(sizeof(Waypoint) * kWaypointInitialCapacity));
-  if (tGps.pWaypoints == nullptr) {
-    tGps.nWaypointCapacity = 0;
+  if (StartWaypointList() < 0) {
     std::printf("Memory allocation error\n");
     return -1;
   }
-  tGps.nWaypointCapacity = kWaypointInitialCapacity;
   FlushComFifo();
   t->state = 0;
   t->index = 0;

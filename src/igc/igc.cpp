@@ -506,16 +506,16 @@ int32_t ReadSourceFile(const char* path, std::unique_ptr<uint8_t, BytesFree>* te
 
 }  // namespace
 
+int32_t ReadIgcFile(const char* path) {
+  std::unique_ptr<uint8_t, BytesFree> text;
+  int32_t length = 0;
+  if (ReadSourceFile(path, &text, &length) < 0) return -1;
+  return DecodeIgcBuffer(text.get(), length, nullptr, 0);
+}
+
 int32_t TranslateIgcLog() {
   const char* source = tGps.szFileName;
-  int32_t decoded;
-  {
-    std::unique_ptr<uint8_t, BytesFree> text;
-    int32_t length = 0;
-    if (ReadSourceFile(source, &text, &length) < 0) return -1;
-    decoded = DecodeIgcBuffer(text.get(), length, nullptr, 0);
-  }
-  if (decoded < 0) return -1;
+  if (ReadIgcFile(source) < 0) return -1;
 
   // A file carries no instrument signature and its times are not known to be UTC.
   tGps.bSignature = 0;

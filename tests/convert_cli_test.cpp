@@ -12,6 +12,7 @@
 #include <thread>
 #include <vector>
 
+#include "driver/convert.h"
 #include "driver/main.h"
 #include "external_tools.h"
 #include "igc/igc.h"

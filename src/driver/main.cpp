@@ -11,6 +11,7 @@
 
 #include "driver/cmd.h"
 #include "driver/config.h"
+#include "driver/convert.h"
 #include "igc/igc.h"
 #include "output/file.h"
 #include "serial/ascent.h"

@@ -12,7 +12,6 @@
 #include "driver/main.h"
 #include "geo/conv.h"
 #include "link/string.h"
-#include "output/file.h"
 
 namespace {
 
@@ -511,29 +510,4 @@ int32_t ReadIgcFile(const char* path) {
   int32_t length = 0;
   if (ReadSourceFile(path, &text, &length) < 0) return -1;
   return DecodeIgcBuffer(text.get(), length, nullptr, 0);
-}
-
-int32_t TranslateIgcLog() {
-  const char* source = tGps.szFileName;
-  if (ReadIgcFile(source) < 0) return -1;
-
-  // A file carries no instrument signature and its times are not known to be UTC.
-  tGps.bSignature = 0;
-  tGps.bUtc = 0;
-  tGps.bPressureAltitude = 1;
-  SystemTime now{};
-  pfnGetDownloadTime(&now);
-  tGps.dwDownloadTime = ConvertSystemTimeToGpsTime(&now);
-  tGps.szProduct[0] = '\0';
-  std::printf("Source file decoded (%d points)\n", tGps.nTrackPoints);
-
-  // flight.igc gives flight.kml; any other name keeps its ending.
-  char output[sizeof tGps.szFileName + 4];
-  size_t length = strnlen(source, sizeof tGps.szFileName - 1);
-  if (length > 4 && std::memcmp(source + length - 4, ".igc", 4) == 0) length -= 4;
-  std::memcpy(output, source, length);
-  std::memcpy(output + length, ".kml", 5);
-  const int32_t saved = SaveKmlTrackLog(output, 0);
-  FreeTrackLog();
-  return saved < 0 ? -1 : 0;
 }

@@ -55,5 +55,3 @@ int DecodePosSentence(const char* text, TrackPoint* point);
 // Reads the whole file at `path` into the track log as DecodeIgcBuffer does.
 // Returns the number of G records, or -1 after printing why.
 int32_t ReadIgcFile(const char* path);
-
-int32_t TranslateIgcLog();

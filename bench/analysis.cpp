@@ -12,7 +12,7 @@
 #include <vector>
 
 #include "analysis_reference.h"
-#include "driver/main.h"
+#include "core/run.h"
 #include "flight_support.h"
 #include "track/analysis.h"
 

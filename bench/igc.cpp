@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "driver/main.h"
+#include "core/run.h"
 #include "geo/conv.h"
 #include "igc/igc.h"
 

@@ -1,3 +1,3 @@
-#include "driver/main.h"
+#include "core/run.h"
 
 int main(int argc, char** argv) { return KestrixMain(argc, argv); }

@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "analysis_reference.h"
-#include "driver/main.h"
+#include "core/run.h"
 #include "flight_support.h"
 #include "support.h"
 #include "track/analysis.h"

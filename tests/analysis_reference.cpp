@@ -7,7 +7,7 @@
 #include <algorithm>
 #include <functional>
 
-#include "driver/main.h"
+#include "core/run.h"
 #include "geo/conv.h"
 
 namespace reference {

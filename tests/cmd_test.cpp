@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "driver/cmd.h"
-#include "driver/main.h"
+#include "core/run.h"
 #include "support.h"
 
 namespace {

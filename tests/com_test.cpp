@@ -8,7 +8,7 @@
 #include <cstdlib>
 #include <string>
 
-#include "driver/main.h"
+#include "core/run.h"
 #include "link/com.h"
 #include "support.h"
 

@@ -4,7 +4,7 @@
 #include <string>
 
 #include "driver/config.h"
-#include "driver/main.h"
+#include "core/run.h"
 #include "support.h"
 
 namespace {

@@ -13,7 +13,7 @@
 #include <vector>
 
 #include "driver/convert.h"
-#include "driver/main.h"
+#include "core/run.h"
 #include "external_tools.h"
 #include "igc/igc.h"
 #include "kml_support.h"

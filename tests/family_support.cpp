@@ -2,7 +2,7 @@
 
 #include <cstdlib>
 
-#include "driver/main.h"
+#include "core/run.h"
 #include "igc/igc.h"
 
 namespace test {

@@ -3,7 +3,7 @@
 
 #include <string>
 
-#include "driver/main.h"
+#include "core/run.h"
 #include "output/file.h"
 #include "support.h"
 #include "waypoint_support.h"

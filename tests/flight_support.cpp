@@ -10,7 +10,7 @@
 #include <random>
 #include <sstream>
 
-#include "driver/main.h"
+#include "core/run.h"
 #include "geo/conv.h"
 
 namespace flights {

@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "driver/main.h"
+#include "core/run.h"
 #include "geo/conv.h"
 #include "igc/igc.h"
 #include "serial/flymaster.h"

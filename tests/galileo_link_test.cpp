@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "driver/main.h"
+#include "core/run.h"
 #include "external_tools.h"
 #include "geo/conv.h"
 #include "kml_support.h"

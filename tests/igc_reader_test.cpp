@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "driver/main.h"
+#include "core/run.h"
 #include "geo/time.h"
 #include "igc/igc.h"
 #include "support.h"

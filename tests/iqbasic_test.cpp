@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "driver/main.h"
+#include "core/run.h"
 #include "family_support.h"
 #include "saved_support.h"
 #include "serial/iqbasic.h"

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "driver/main.h"
+#include "core/run.h"
 #include "geo/conv.h"
 #include "kml_support.h"
 #include "link/string.h"

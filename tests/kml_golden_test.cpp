@@ -6,7 +6,7 @@
 #include <fstream>
 #include <string>
 
-#include "driver/main.h"
+#include "core/run.h"
 #include "igc/igc.h"
 #include "kml_support.h"
 #include "output/file.h"

@@ -7,7 +7,7 @@
 #include <memory>
 #include <string>
 
-#include "driver/main.h"
+#include "core/run.h"
 #include "geo/conv.h"
 #include "link/string.h"
 #include "serial/leonardo.h"

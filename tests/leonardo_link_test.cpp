@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "driver/main.h"
+#include "core/run.h"
 #include "geo/conv.h"
 #include "link/com.h"
 #include "saved_support.h"

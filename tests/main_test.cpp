@@ -5,7 +5,7 @@
 #include <csignal>
 #include <string>
 
-#include "driver/main.h"
+#include "core/run.h"
 #include "support.h"
 
 namespace {

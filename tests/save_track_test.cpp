@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "driver/main.h"
+#include "core/run.h"
 #include "flight_support.h"
 #include "igc/igc.h"
 #include "kml_support.h"

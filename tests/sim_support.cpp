@@ -12,7 +12,7 @@
 #include <stdexcept>
 #include <thread>
 
-#include "driver/main.h"
+#include "core/run.h"
 #include "sim/ascent.h"
 #include "sim/iqbasic.h"
 #include "sim/mlr.h"

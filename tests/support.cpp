@@ -11,7 +11,7 @@
 #include <sstream>
 #include <stdexcept>
 
-#include "driver/main.h"
+#include "core/run.h"
 
 namespace test {
 

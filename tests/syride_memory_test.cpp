@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "driver/main.h"
+#include "core/run.h"
 #include "support.h"
 #include "syride_emulator.h"
 #include "usb/syride.h"

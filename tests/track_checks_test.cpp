@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "driver/main.h"
+#include "core/run.h"
 #include "flight_support.h"
 #include "support.h"
 #include "track/analysis.h"

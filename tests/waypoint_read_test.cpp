@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "driver/main.h"
+#include "core/run.h"
 #include "external_tools.h"
 #include "output/file.h"
 #include "support.h"

@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "driver/main.h"
+#include "core/run.h"
 #include "geo/time.h"
 
 namespace test {

@@ -8,7 +8,7 @@
 #include <cstring>
 #include <filesystem>
 
-#include "driver/main.h"
+#include "core/run.h"
 
 namespace fuzz {
 

@@ -10,7 +10,7 @@
 #include <numbers>
 #include <string_view>
 
-#include "driver/main.h"
+#include "core/run.h"
 #include "fuzz_support.h"
 #include "geo/conv.h"
 #include "link/com.h"

@@ -10,7 +10,7 @@
 #include <libusb.h>
 #pragma GCC diagnostic pop
 
-#include "driver/main.h"
+#include "core/run.h"
 #include "fuzz_support.h"
 #include "igc/igc.h"
 #include "usb/fastlz.h"

@@ -8,7 +8,7 @@
 #include <cstring>
 #include <memory>
 
-#include "driver/main.h"
+#include "core/run.h"
 #include "fuzz_support.h"
 #include "serial/ascent.h"
 

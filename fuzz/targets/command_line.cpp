@@ -7,7 +7,7 @@
 #include <cstring>
 
 #include "driver/cmd.h"
-#include "driver/main.h"
+#include "core/run.h"
 #include "fuzz_support.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {

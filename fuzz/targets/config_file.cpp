@@ -9,7 +9,7 @@
 #include <string>
 
 #include "driver/config.h"
-#include "driver/main.h"
+#include "core/run.h"
 #include "fuzz_support.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {

@@ -13,7 +13,7 @@
 #include <cstring>
 #include <vector>
 
-#include "driver/main.h"
+#include "core/run.h"
 #include "fuzz_support.h"
 #include "serial/flymaster.h"
 

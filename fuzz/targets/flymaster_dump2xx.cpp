@@ -13,7 +13,7 @@
 #include <cstring>
 #include <memory>
 
-#include "driver/main.h"
+#include "core/run.h"
 #include "fuzz_support.h"
 #include "igc/igc.h"
 #include "serial/flymaster.h"

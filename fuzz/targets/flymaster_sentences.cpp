@@ -15,7 +15,7 @@
 #include <cstring>
 #include <vector>
 
-#include "driver/main.h"
+#include "core/run.h"
 #include "fuzz_support.h"
 #include "sentence_checksums.h"
 #include "serial/flymaster.h"

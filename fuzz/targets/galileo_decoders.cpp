@@ -14,7 +14,7 @@
 #include <cstring>
 #include <vector>
 
-#include "driver/main.h"
+#include "core/run.h"
 #include "fuzz_support.h"
 #include "sentence_checksums.h"
 #include "serial/galileo.h"

@@ -9,7 +9,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "driver/main.h"
+#include "core/run.h"
 #include "fuzz_support.h"
 #include "igc/igc.h"
 

@@ -14,7 +14,7 @@
 #include <memory>
 #include <vector>
 
-#include "driver/main.h"
+#include "core/run.h"
 #include "fuzz_support.h"
 #include "serial/mlr.h"
 

@@ -7,7 +7,7 @@
 
 #include <cstdint>
 
-#include "driver/main.h"
+#include "core/run.h"
 #include "fuzz_support.h"
 #include "serial_replay.h"
 

@@ -11,7 +11,7 @@
 #include <cstring>
 #include <memory>
 
-#include "driver/main.h"
+#include "core/run.h"
 #include "fuzz_support.h"
 #include "usb/fastlz.h"
 #include "usb/syride.h"

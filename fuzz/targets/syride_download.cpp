@@ -6,7 +6,7 @@
 
 #include <cstdint>
 
-#include "driver/main.h"
+#include "core/run.h"
 #include "fuzz_support.h"
 #include "usb_replay.h"
 

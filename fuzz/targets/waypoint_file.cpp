@@ -8,7 +8,7 @@
 #include <cstdio>
 #include <string>
 
-#include "driver/main.h"
+#include "core/run.h"
 #include "fuzz_support.h"
 #include "output/file.h"
 

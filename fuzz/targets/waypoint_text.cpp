@@ -7,7 +7,7 @@
 #include <cstdint>
 #include <cstring>
 
-#include "driver/main.h"
+#include "core/run.h"
 #include "fuzz_support.h"
 #include "output/file.h"
 

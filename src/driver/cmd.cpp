@@ -3,7 +3,7 @@
 #include <cstdio>
 #include <cstring>
 
-#include "driver/main.h"
+#include "core/run.h"
 #include "link/string.h"
 
 namespace {

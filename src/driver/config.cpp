@@ -7,7 +7,7 @@
 #include <cstring>
 #include <memory>
 
-#include "driver/main.h"
+#include "core/run.h"
 
 namespace {
 

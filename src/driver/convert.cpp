@@ -3,7 +3,7 @@
 #include <cstdio>
 #include <cstring>
 
-#include "driver/main.h"
+#include "core/run.h"
 #include "igc/igc.h"
 #include "output/file.h"
 

@@ -1,4 +1,4 @@
-#include "driver/main.h"
+#include "core/run.h"
 
 #include <fcntl.h>
 #include <unistd.h>

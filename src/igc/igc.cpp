@@ -9,7 +9,7 @@
 #include <cstring>
 #include <memory>
 
-#include "driver/main.h"
+#include "core/run.h"
 #include "geo/conv.h"
 #include "link/string.h"
 

@@ -8,7 +8,7 @@
 #include <cstdio>
 #include <cstring>
 
-#include "driver/main.h"
+#include "core/run.h"
 
 int32_t hComPort = -1;
 

@@ -8,7 +8,7 @@
 #include <cstring>
 #include <memory>
 
-#include "driver/main.h"
+#include "core/run.h"
 #include "geo/conv.h"
 #include "igc/igc.h"
 #include "output/google.h"

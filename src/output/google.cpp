@@ -4,7 +4,7 @@
 #include <cstdio>
 #include <cstring>
 
-#include "driver/main.h"
+#include "core/run.h"
 #include "geo/conv.h"
 #include "link/string.h"
 #include "output/hash.h"

@@ -8,7 +8,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "driver/main.h"
+#include "core/run.h"
 #include "geo/time.h"
 #include "igc/igc.h"
 #include "link/com.h"

@@ -9,7 +9,7 @@
 #include <cstring>
 #include <string>
 
-#include "driver/main.h"
+#include "core/run.h"
 #include "geo/time.h"
 #include "igc/igc.h"
 #include "link/com.h"

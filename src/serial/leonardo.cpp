@@ -7,7 +7,7 @@
 #include <cstring>
 #include <limits>
 
-#include "driver/main.h"
+#include "core/run.h"
 #include "geo/conv.h"
 #include "geo/time.h"
 #include "link/com.h"

@@ -5,7 +5,7 @@
 #include <cstring>
 #include <ctime>
 
-#include "driver/main.h"
+#include "core/run.h"
 #include "geo/time.h"
 #include "link/com.h"
 #include "link/string.h"

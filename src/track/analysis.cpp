@@ -10,7 +10,7 @@
 #include <optional>
 #include <utility>
 
-#include "driver/main.h"
+#include "core/run.h"
 #include "geo/conv.h"
 
 void* (*pAnalysisAllocate)(size_t bytes) = std::malloc;

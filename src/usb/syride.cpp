@@ -16,7 +16,7 @@
 #include <libusb.h>
 #pragma GCC diagnostic pop
 
-#include "driver/main.h"
+#include "core/run.h"
 #include "igc/igc.h"
 #include "output/file.h"
 #include "usb/fastlz.h"

@@ -1,3 +1,3 @@
-#include "core/run.h"
+#include "driver/main.h"
 
 int main(int argc, char** argv) { return KestrixMain(argc, argv); }

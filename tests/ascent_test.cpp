@@ -9,6 +9,8 @@
 #include <vector>
 
 #include "core/run.h"
+#include "geo/time.h"
+#include "output/file.h"
 #include "family_support.h"
 #include "saved_support.h"
 #include "serial/ascent.h"
@@ -222,7 +224,7 @@ TEST(AscentDownload, TheListPositionIsSentAndTheTextKeptWithItsLengthInTheSizeOn
   uint32_t before = ConvertSystemTimeToGpsTime(&now);
 
   testing::internal::CaptureStdout();
-  int32_t result = DownloadAscentTrackLog();
+  int32_t result = test::RunInstrumentCommand(DownloadAscentTrackLog);
   std::string out = testing::internal::GetCapturedStdout();
   rig.Stop();
 
@@ -268,7 +270,7 @@ TEST(AscentDownload, TheLineCountShowsEveryFiveHundredLinesAndNotAtTheEnd) {
   tGps.szPilotName[0] = 1;  // the Ascent does not take the pilot from the flight
 
   testing::internal::CaptureStdout();
-  int32_t result = DownloadAscentTrackLog();
+  int32_t result = test::RunInstrumentCommand(DownloadAscentTrackLog);
   std::string out = testing::internal::GetCapturedStdout();
   rig.Stop();
 
@@ -288,7 +290,7 @@ TEST(AscentDownload, TheBulkWalkSendsTheStoredIdsAndReleasesEachTrack) {
   tGps.dwCommand = kCommandDownloadAllTracks;
 
   testing::internal::CaptureStdout();
-  int32_t result = DownloadAscentBulkTrackLog();
+  int32_t result = test::RunInstrumentCommand(DownloadAscentBulkTrackLog, SaveTracklog);
   std::string out = testing::internal::GetCapturedStdout();
   rig.Stop();
 

@@ -8,7 +8,9 @@
 #include <cstdlib>
 #include <string>
 
+#include "core/clock.h"
 #include "core/run.h"
+#include "driver/families.h"
 #include "link/com.h"
 #include "support.h"
 
@@ -89,7 +91,7 @@ TEST(ComPort, OpensRawAtTheSpeedOfTheInstrumentTypeAndReconfigures) {
     UsePort(far, c.type);
     tGps.nComSpeed = c.configured;
     testing::internal::CaptureStdout();
-    ASSERT_EQ(OpenComPort(), 0) << c.type;
+    ASSERT_EQ(OpenComPort(GetComSpeedForType(tGps.dwGpsType)), 0) << c.type;
     termios t = far.Settings();
     EXPECT_EQ(cfgetispeed(&t), c.speed) << c.type;
     EXPECT_EQ(cfgetospeed(&t), c.speed) << c.type;
@@ -112,7 +114,7 @@ TEST(ComPort, OpensRawAtTheSpeedOfTheInstrumentTypeAndReconfigures) {
                 {115200, B9600}, {9600, B9600},   {1200, B9600}};
   UsePort(far, kGpsMlr);
   testing::internal::CaptureStdout();
-  ASSERT_EQ(OpenComPort(), 0);
+  ASSERT_EQ(OpenComPort(GetComSpeedForType(tGps.dwGpsType)), 0);
   for (const Reconfigure& r : speeds) {
     EXPECT_EQ(SetComSpeed(r.baud), 0);
     termios t = far.Settings();
@@ -129,7 +131,7 @@ TEST(ComPort, OpenFailureSaysWhichPortUnlessSilent) {
     tGps.bSilent = silent;
     std::snprintf(tGps.szComPort, sizeof tGps.szComPort, "/dev/cu.kestrix-missing");
     testing::internal::CaptureStdout();
-    EXPECT_EQ(OpenComPort(), -1);
+    EXPECT_EQ(OpenComPort(GetComSpeedForType(tGps.dwGpsType)), -1);
     EXPECT_EQ(testing::internal::GetCapturedStdout(),
               silent ? "" : "Could not open COM port /dev/cu.kestrix-missing\n");
   }
@@ -139,7 +141,7 @@ TEST(ComPort, BytesTravelBothWaysAndAFlushForgetsWhatCame) {
   FarEnd far;
   UsePort(far, kGpsGalileo);
   testing::internal::CaptureStdout();
-  ASSERT_EQ(OpenComPort(), 0);
+  ASSERT_EQ(OpenComPort(GetComSpeedForType(tGps.dwGpsType)), 0);
 
   EXPECT_EQ(WriteComString("\x11$PBRSNP,*21\r\n"), 0);
   const uint8_t binary[] = {0x00, 0xFF, 0x13, '\n', 0x80};
@@ -195,7 +197,7 @@ TEST(ComPort, AFullFifoMakesTheThreadWaitWithoutLosingAByte) {
     UsePort(far, kGpsGalileo);
     tGps.bSilent = silent;
     testing::internal::CaptureStdout();
-    ASSERT_EQ(OpenComPort(), 0);
+    ASSERT_EQ(OpenComPort(GetComSpeedForType(tGps.dwGpsType)), 0);
     tGps.nFifoRead = kComFifoSize - 5;
     tGps.nFifoWrite = kComFifoSize - 6;  // 99999 bytes held
 

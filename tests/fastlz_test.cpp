@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "core/bytes.h"
 #include "support.h"
 
 namespace {

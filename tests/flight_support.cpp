@@ -11,6 +11,7 @@
 #include <sstream>
 
 #include "core/run.h"
+#include "geo/time.h"
 #include "geo/conv.h"
 
 namespace flights {

@@ -9,7 +9,9 @@
 #include <string>
 #include <vector>
 
+#include "core/console.h"
 #include "core/run.h"
+#include "geo/time.h"
 #include "geo/conv.h"
 #include "igc/igc.h"
 #include "serial/flymaster.h"

@@ -10,6 +10,8 @@
 #include <vector>
 
 #include "core/run.h"
+#include "geo/time.h"
+#include "driver/families.h"
 #include "geo/conv.h"
 #include "igc/igc.h"
 #include "link/com.h"
@@ -106,7 +108,7 @@ struct EntryRun {
 
 EntryRun RunEntry(SimRig* rig, int32_t (*entry)()) {
   testing::internal::CaptureStdout();
-  int32_t result = entry();
+  int32_t result = test::RunInstrumentCommand(entry);
   EntryRun run{result, testing::internal::GetCapturedStdout()};
   rig->Stop();
   return run;
@@ -129,7 +131,7 @@ StageRun RunStage(SimRig* rig, int32_t gpsType, const char* serial, uint32_t sta
   t.trackCount = 1;
   t.trackStart[0] = start;
   testing::internal::CaptureStdout();
-  EXPECT_EQ(OpenComPort(), 0);
+  EXPECT_EQ(OpenComPort(GetComSpeedForType(tGps.dwGpsType)), 0);
   int32_t result = stage(&t);
   CloseComPort();
   StageRun run{result, testing::internal::GetCapturedStdout(), {}, {}};

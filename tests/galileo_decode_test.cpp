@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "core/run.h"
+#include "geo/time.h"
 #include "geo/conv.h"
 #include "serial/galileo.h"
 #include "support.h"

@@ -9,6 +9,8 @@
 #include <vector>
 
 #include "core/run.h"
+#include "geo/time.h"
+#include "driver/families.h"
 #include "external_tools.h"
 #include "geo/conv.h"
 #include "kml_support.h"
@@ -76,7 +78,7 @@ TEST(GalileoDownload, ARealFlightArrivesByteForByteAndEveryFixIsDecoded) {
   uint32_t before = ConvertSystemTimeToGpsTime(&now);
 
   testing::internal::CaptureStdout();
-  int32_t result = DownloadGalileoTrackLog();
+  int32_t result = test::RunInstrumentCommand(DownloadGalileoTrackLog);
   std::string out = testing::internal::GetCapturedStdout();
   rig.Stop();
 
@@ -146,7 +148,7 @@ TEST(GalileoDownload, TheBulkWalkHandsOverEveryListedFlightAsItCame) {
   testing::internal::CaptureStdout();
   galileo::GalileoTransfer transfer;
   galileo::ResetTransfer(&transfer);
-  ASSERT_EQ(OpenComPort(), 0);
+  ASSERT_EQ(OpenComPort(GetComSpeedForType(tGps.dwGpsType)), 0);
   int32_t result = galileo::ReadProductData(&transfer);
   if (result == 0) result = galileo::ReadTrackList(&transfer);
   if (result == 0) result = galileo::ReadAllTrackLogs(&transfer, KeepTrack);
@@ -194,7 +196,7 @@ TEST(GalileoWaypoints, DownloadFillsTheWaypointList) {
   tGps.dwCommand = kCommandDownloadWaypoints;
 
   testing::internal::CaptureStdout();
-  int32_t result = DownloadGalileoWaypoints();
+  int32_t result = test::RunInstrumentCommand(DownloadGalileoWaypoints);
   std::string out = testing::internal::GetCapturedStdout();
   rig.Stop();
 
@@ -243,7 +245,7 @@ TEST(GalileoWaypoints, UploadSendsOneSentenceEvery300Milliseconds) {
   }
 
   testing::internal::CaptureStdout();
-  int32_t result = UploadGalileoWaypoints();
+  int32_t result = test::RunInstrumentCommand(UploadGalileoWaypoints);
   std::string out = testing::internal::GetCapturedStdout();
   rig.Stop();
 

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "core/run.h"
+#include "geo/time.h"
 #include "family_support.h"
 #include "saved_support.h"
 #include "serial/iqbasic.h"
@@ -124,7 +125,7 @@ TEST(IqBasicDownload, TheChosenFlightArrivesAsItCameAndIsDecoded) {
   uint32_t before = ConvertSystemTimeToGpsTime(&now);
 
   testing::internal::CaptureStdout();
-  int32_t result = DownloadIqBasicTrackLog();
+  int32_t result = test::RunInstrumentCommand(DownloadIqBasicTrackLog);
   std::string out = testing::internal::GetCapturedStdout();
   rig.Stop();
 
@@ -155,7 +156,7 @@ TEST(IqBasicDownload, APilotNameOfTheUserStaysAsItIs) {
   tGps.nFlightNumber = 1;
   std::strcpy(tGps.szPilotName, "Jane Doe");
   testing::internal::CaptureStdout();
-  int32_t result = DownloadIqBasicTrackLog();
+  int32_t result = test::RunInstrumentCommand(DownloadIqBasicTrackLog);
   std::string out = testing::internal::GetCapturedStdout();
   rig.Stop();
   ASSERT_EQ(result, 0) << out;

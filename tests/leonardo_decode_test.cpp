@@ -8,6 +8,7 @@
 #include <string>
 
 #include "core/run.h"
+#include "geo/time.h"
 #include "geo/conv.h"
 #include "link/string.h"
 #include "serial/leonardo.h"

@@ -11,6 +11,8 @@
 #include <vector>
 
 #include "core/run.h"
+#include "geo/time.h"
+#include "driver/families.h"
 #include "geo/conv.h"
 #include "link/com.h"
 #include "saved_support.h"
@@ -185,7 +187,7 @@ TEST(LeonardoDownload, EachFlightOfTheMemoryArrivesAsItsIgcFixes) {
     const uint32_t before = ConvertSystemTimeToGpsTime(&now);
 
     testing::internal::CaptureStdout();
-    int32_t result = DownloadLeonardoTrackLog();
+    int32_t result = test::RunInstrumentCommand(DownloadLeonardoTrackLog);
     std::string out = testing::internal::GetCapturedStdout();
 
     ASSERT_EQ(result, 0) << what << "\n" << out;
@@ -228,7 +230,7 @@ TEST(LeonardoDownload, FirmwareFourAndFixesWithoutAPosition) {
   std::snprintf(tGps.szPilotName, sizeof tGps.szPilotName, "Given Name");
 
   testing::internal::CaptureStdout();
-  int32_t result = DownloadLeonardoTrackLog();
+  int32_t result = test::RunInstrumentCommand(DownloadLeonardoTrackLog);
   std::string out = testing::internal::GetCapturedStdout();
   rig.Stop();
 
@@ -272,7 +274,7 @@ TEST(LeonardoDownload, TheBulkWalkHandsOverEveryFlightNewestFirst) {
   testing::internal::CaptureStdout();
   leonardo::LeonardoTransfer transfer;
   leonardo::ResetTransfer(&transfer);
-  ASSERT_EQ(OpenComPort(), 0);
+  ASSERT_EQ(OpenComPort(GetComSpeedForType(tGps.dwGpsType)), 0);
   int32_t result = leonardo::ReadProductData(&transfer);
   if (result == 0) result = leonardo::ReadTrackList(&transfer);
   if (result == 0) result = leonardo::ReadAllTrackLogs(&transfer, KeepTrack);

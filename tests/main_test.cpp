@@ -5,7 +5,9 @@
 #include <csignal>
 #include <string>
 
+#include "core/console.h"
 #include "core/run.h"
+#include "driver/main.h"
 #include "support.h"
 
 namespace {

@@ -14,7 +14,10 @@
 #include <string>
 #include <vector>
 
+#include "core/clock.h"
+#include "core/console.h"
 #include "core/run.h"
+#include "geo/time.h"
 #include "family_support.h"
 #include "saved_support.h"
 #include "serial/mlr.h"
@@ -329,10 +332,10 @@ TEST(MlrDecode, ThePointArrayGrowsAndTheCountShowsEveryHundred) {
 
 TEST(MlrClock, SleepingCostsAlmostNoProcessorTime) {
   uint64_t wall = GetWallClockMicroseconds();
-  uint64_t processor = mlr::ProcessorMicroseconds();
+  uint64_t processor = GetProcessorMicroseconds();
   usleep(300000);
   EXPECT_GE(GetWallClockMicroseconds() - wall, 300000u);
-  EXPECT_LT(mlr::ProcessorMicroseconds() - processor, 150000u);
+  EXPECT_LT(GetProcessorMicroseconds() - processor, 150000u);
 }
 
 TEST(MlrDownload, ARealLogArrivesAtTheHigherSpeedAndTheInstrumentIsStopped) {
@@ -348,7 +351,7 @@ TEST(MlrDownload, ARealLogArrivesAtTheHigherSpeedAndTheInstrumentIsStopped) {
   uint32_t before = ConvertSystemTimeToGpsTime(&now);
 
   testing::internal::CaptureStdout();
-  int32_t result = DownloadMlrTrackLog();
+  int32_t result = test::RunInstrumentCommand(DownloadMlrTrackLog);
   std::string out = testing::internal::GetCapturedStdout();
   rig.Stop();
 
@@ -382,7 +385,7 @@ std::vector<TrackPoint> DownloadFromUtcClock(const std::string& firmware, const 
   test::SimRig rig("mlr", {.firmware = firmware, .flights = {flight}, .faults = {"utc-clock"}});
   rig.Connect(kGpsMlr);
   testing::internal::CaptureStdout();
-  int32_t result = DownloadMlrTrackLog();
+  int32_t result = test::RunInstrumentCommand(DownloadMlrTrackLog);
   std::string out = testing::internal::GetCapturedStdout();
   rig.Stop();
   EXPECT_EQ(result, 0) << out;
@@ -405,8 +408,12 @@ TEST(MlrDownload, AnSp24WithFirmware271GetsTimesFourteenSecondsEarlierThanWith27
 // time-outs come within seconds.
 class MlrWallClock : public testing::Test {
  protected:
-  void SetUp() override { mlr::SetProcessorClock(GetWallClockMicroseconds); }
-  void TearDown() override { mlr::SetProcessorClock(nullptr); }
+  void SetUp() override { previous_ = UseClockSource(&clock_); }
+  void TearDown() override { UseClockSource(previous_); }
+
+ private:
+  const ClockSource clock_{SystemClock().wallMicroseconds, SystemClock().wallMicroseconds, SystemClock().utcSeconds};
+  const ClockSource* previous_ = nullptr;
 };
 
 TEST_F(MlrWallClock, ASilentInstrumentTimesOutThreeSecondsAfterTheCommand) {
@@ -415,7 +422,7 @@ TEST_F(MlrWallClock, ASilentInstrumentTimesOutThreeSecondsAfterTheCommand) {
   rig.Connect(kGpsMlr);
   uint64_t start = GetWallClockMicroseconds();
   testing::internal::CaptureStdout();
-  int32_t result = DownloadMlrTrackLog();
+  int32_t result = test::RunInstrumentCommand(DownloadMlrTrackLog);
   std::string out = testing::internal::GetCapturedStdout();
   uint64_t took = GetWallClockMicroseconds() - start;
   rig.Stop();
@@ -430,7 +437,7 @@ TEST_F(MlrWallClock, ALogThatStopsIsNotFollowedByTheStopCommand) {
                    {{sim::FaultKind::kCut, 2, 1000}});
   rig.Connect(kGpsMlr);
   testing::internal::CaptureStdout();
-  int32_t result = DownloadMlrTrackLog();
+  int32_t result = test::RunInstrumentCommand(DownloadMlrTrackLog);
   std::string out = testing::internal::GetCapturedStdout();
   rig.Stop();
   EXPECT_EQ(result, -1);

@@ -12,6 +12,7 @@
 #include <stdexcept>
 
 #include "core/run.h"
+#include "driver/families.h"
 
 namespace test {
 
@@ -108,5 +109,15 @@ void FreshRunParameters() {
 std::string CurrentDirectory() { return std::filesystem::current_path().string(); }
 
 void ChangeDirectory(const std::string& dir) { std::filesystem::current_path(dir); }
+
+}  // namespace test
+
+namespace test {
+
+int32_t RunInstrumentCommand(int32_t (*command)()) { return RunFamilyCommand(*FindFamily(tGps.dwGpsType), command); }
+
+int32_t RunInstrumentCommand(int32_t (*command)(int32_t (*save)()), int32_t (*save)()) {
+  return RunFamilyCommand(*FindFamily(tGps.dwGpsType), command, save);
+}
 
 }  // namespace test

@@ -170,34 +170,6 @@ const syride::UsbPlatform kEmulatedPlatform = {
     OpenLibrary, FindSymbol, CloseLibrary, HidInit, HidOpen, HidWrite, HidRead, HidGetProductString, HidClose, Sleep,
 };
 
-int32_t FakeDecode(const uint8_t* text, int32_t length) {
-  std::string copy(reinterpret_cast<const char*>(text), static_cast<size_t>(length));
-  Consumers::decoded.push_back(copy);
-  if (Consumers::decodeResult < 0) return Consumers::decodeResult;
-  // Like the IGC reader, a line counts once its line feed came.
-  for (size_t start = 0, end; (end = copy.find('\n', start)) != std::string::npos; start = end + 1) {
-    std::string line = copy.substr(start, end - start);
-    if (line.size() < 7 || line[0] != 'B') continue;
-    TrackPoint point{};
-    point.dwFlags = tGps.nTrackPoints == 0 ? 1 : 0;
-    point.dwTime = static_cast<uint32_t>(std::stoi(line.substr(1, 2)) * 3600 + std::stoi(line.substr(3, 2)) * 60 +
-                                         std::stoi(line.substr(5, 2)));
-    if (AppendTrackPoint(point) < 0) return -1;
-  }
-  return Consumers::decodeResult;
-}
-
-int32_t FakeSave() {
-  Consumers::Saved saved{tGps.nTrackPoints, 0, 0, tGps.nRawLogLength};
-  if (tGps.nTrackPoints > 0) {
-    saved.firstTime = tGps.pTrackPoints[0].dwTime;
-    saved.lastTime = tGps.pTrackPoints[tGps.nTrackPoints - 1].dwTime;
-  }
-  Consumers::saved.push_back(saved);
-  return 0;
-}
-
-const syride::TrackConsumers kFakeConsumers = {FakeDecode, FakeSave};
 
 std::vector<uint8_t> Junk(size_t count, uint8_t seed) {
   std::vector<uint8_t> bytes(count);
@@ -343,18 +315,19 @@ Installed::~Installed() {
   pBus = nullptr;
 }
 
-std::vector<std::string> Consumers::decoded;
 std::vector<Consumers::Saved> Consumers::saved;
-int32_t Consumers::decodeResult = 0;
 
-Consumers::Consumers() {
-  decoded.clear();
-  saved.clear();
-  decodeResult = 0;
-  syride::UseTrackConsumers(&kFakeConsumers);
+int32_t Consumers::Save() {
+  Consumers::Saved saved{tGps.nTrackPoints, 0, 0, tGps.nRawLogLength};
+  if (tGps.nTrackPoints > 0) {
+    saved.firstTime = tGps.pTrackPoints[0].dwTime;
+    saved.lastTime = tGps.pTrackPoints[tGps.nTrackPoints - 1].dwTime;
+  }
+  Consumers::saved.push_back(saved);
+  return 0;
 }
 
-Consumers::~Consumers() { syride::UseTrackConsumers(nullptr); }
+Consumers::Consumers() { saved.clear(); }
 
 std::vector<uint8_t> Container(const std::vector<Chunk>& chunks) {
   std::vector<uint8_t> out = {137, 54, 80, 75, 13, 10, 26, 10};

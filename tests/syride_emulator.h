@@ -96,8 +96,7 @@ class Installed {
   Installed& operator=(const Installed&) = delete;
 };
 
-// Receives what the download hands on: the SYS'Evolution text (made into
-// points from its complete B records, time of day only) and each saved bulk flight.
+// Receives each flight a bulk download saves (Save is its track saver).
 struct Consumers {
   struct Saved {
     int32_t points;
@@ -105,12 +104,10 @@ struct Consumers {
     uint32_t lastTime;
     int32_t rawLength;
   };
-  static std::vector<std::string> decoded;
   static std::vector<Saved> saved;
-  static int32_t decodeResult;
+  static int32_t Save();
 
   Consumers();
-  ~Consumers();
   Consumers(const Consumers&) = delete;
   Consumers& operator=(const Consumers&) = delete;
 };

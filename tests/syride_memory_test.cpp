@@ -7,6 +7,7 @@
 #include "core/run.h"
 #include "support.h"
 #include "syride_emulator.h"
+#include "waypoint_support.h"
 #include "usb/syride.h"
 
 namespace {
@@ -154,7 +155,6 @@ TEST(DecodeEvolutionFlightMemory, ReferenceArchivesAndTheirEdits) {
   for (const ContainerCase& c : cases) {
     SCOPED_TRACE(c.file);
     test::FreshRunParameters();
-    emu::Consumers consumers;
     std::vector<uint8_t> archive = emu::ReadBytes(kSixpack + c.file);
     testing::internal::CaptureStdout();
     int32_t result = syride::DecodeEvolutionFlightMemory(archive.data(), static_cast<uint32_t>(archive.size()));
@@ -162,7 +162,6 @@ TEST(DecodeEvolutionFlightMemory, ReferenceArchivesAndTheirEdits) {
     if (c.message != nullptr) {
       EXPECT_EQ(result, -1);
       EXPECT_EQ(out, c.message);
-      EXPECT_TRUE(emu::Consumers::decoded.empty());
       EXPECT_EQ(tGps.pbRawLog, nullptr);
       continue;
     }
@@ -175,8 +174,6 @@ TEST(DecodeEvolutionFlightMemory, ReferenceArchivesAndTheirEdits) {
     ASSERT_EQ(result, 0);
     EXPECT_EQ(
         out, "Decompressed length " + std::to_string(original.size()) + "\nGot " + std::to_string(fixes) + " points\n");
-    ASSERT_EQ(emu::Consumers::decoded.size(), 1u);
-    EXPECT_TRUE(emu::Consumers::decoded[0] == text);
     ASSERT_EQ(tGps.nRawLogLength, static_cast<int32_t>(original.size()));
     EXPECT_TRUE(std::equal(original.begin(), original.end(), tGps.pbRawLog));
     EXPECT_EQ(tGps.dwFirstPointTime, tGps.pTrackPoints[0].dwTime);
@@ -248,21 +245,20 @@ TEST(DecodeEvolutionFlightMemory, CraftedContainers) {
   for (const Case& c : cases) {
     SCOPED_TRACE(c.what);
     test::FreshRunParameters();
-    emu::Consumers consumers;
     testing::internal::CaptureStdout();
     int32_t result = syride::DecodeEvolutionFlightMemory(c.container.data(), static_cast<uint32_t>(c.container.size()));
     std::string out = testing::internal::GetCapturedStdout();
     if (!c.message.empty()) {
       EXPECT_EQ(out, c.message);
       EXPECT_EQ(result, -1);
-      EXPECT_TRUE(emu::Consumers::decoded.empty());
+      EXPECT_EQ(tGps.pbRawLog, nullptr);
       continue;
     }
     EXPECT_EQ(result, 0);
-    ASSERT_EQ(emu::Consumers::decoded.size(), 1u);
-    EXPECT_EQ(emu::Consumers::decoded[0], c.text);
+    EXPECT_EQ(std::string(reinterpret_cast<const char*>(tGps.pbRawLog), static_cast<size_t>(tGps.nRawLogLength)),
+              c.text);
     EXPECT_EQ(out, "Decompressed length " + std::to_string(c.text.size()) + "\nGot 1 points\n");
-    EXPECT_EQ(tGps.dwFirstPointTime, 36000u);
+    EXPECT_EQ(tGps.dwFirstPointTime, test::GpsTime(2019, 6, 8, 10, 0, 0));
   }
   test::FreshRunParameters();
 }
@@ -270,30 +266,18 @@ TEST(DecodeEvolutionFlightMemory, CraftedContainers) {
 TEST(DecodeEvolutionFlightMemory, AnErrorCodeMovesThePositionBackAndIsCountedAsItIs) {
   // 7 stored bytes, a block that fails with -3 (8 bytes into a room of 3),
   // then 6 stored bytes: 7 - 3 + 6 is the declared 10, and the last chunk
-  // has overwritten the tail of the first.
+  // has overwritten the tail of the first. The text is no IGC file: the
+  // flight fails, and its text is kept.
   test::FreshRunParameters();
-  emu::Consumers consumers;
   std::vector<uint8_t> container = emu::Container({{1, 0, SizeHeader(10)},
                                                    {17, 0, Bytes("abcdefg")},
                                                    {17, 1, {0x07, 'a', 'b', 'c', 'd', 'e', 'f', 'g', 'h'}},
                                                    {17, 0, Bytes("xyz123")}});
   testing::internal::CaptureStdout();
-  EXPECT_EQ(syride::DecodeEvolutionFlightMemory(container.data(), static_cast<uint32_t>(container.size())), 0);
-  EXPECT_EQ(testing::internal::GetCapturedStdout(), "Decompressed length 10\nGot 0 points\n");
-  ASSERT_EQ(emu::Consumers::decoded.size(), 1u);
-  EXPECT_EQ(emu::Consumers::decoded[0], "abcdxyz123");
-  test::FreshRunParameters();
-}
-
-TEST(DecodeEvolutionFlightMemory, AFailingIgcDecodeFailsTheFlightButKeepsTheText) {
-  test::FreshRunParameters();
-  emu::Consumers consumers;
-  emu::Consumers::decodeResult = -1;
-  std::vector<uint8_t> archive = emu::ReadBytes(kSixpack + "evolution-head-131092.l2.6pk");
-  testing::internal::CaptureStdout();
-  EXPECT_EQ(syride::DecodeEvolutionFlightMemory(archive.data(), static_cast<uint32_t>(archive.size())), -1);
-  EXPECT_EQ(testing::internal::GetCapturedStdout(), "Decompressed length 131092\n");
-  EXPECT_EQ(tGps.nRawLogLength, 131092);
+  EXPECT_EQ(syride::DecodeEvolutionFlightMemory(container.data(), static_cast<uint32_t>(container.size())), -1);
+  EXPECT_EQ(testing::internal::GetCapturedStdout(), "Decompressed length 10\nNo A-record found\n");
+  ASSERT_EQ(tGps.nRawLogLength, 10);
+  EXPECT_EQ(std::string(reinterpret_cast<const char*>(tGps.pbRawLog), 10), "abcdxyz123");
   EXPECT_EQ(tGps.dwFirstPointTime, 0u);
   test::FreshRunParameters();
 }

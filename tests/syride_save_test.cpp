@@ -9,6 +9,8 @@
 #include <vector>
 
 #include "core/run.h"
+#include "driver/main.h"
+#include "geo/time.h"
 #include "external_tools.h"
 #include "igc/igc.h"
 #include "kml_support.h"

@@ -45,8 +45,16 @@ void SetOutputName(const std::string& name) {
   std::snprintf(tGps.szFileName, sizeof tGps.szFileName, "%s", name.c_str());
 }
 
-ClockFixture::ClockFixture() : previous_(pfnGetDownloadTime) { pfnGetDownloadTime = FixedClock; }
+namespace {
 
-ClockFixture::~ClockFixture() { pfnGetDownloadTime = previous_; }
+int64_t FixedUtcSeconds() { return 1714572429; }  // 2024-05-01 14:07:09 UTC
+
+}  // namespace
+
+ClockFixture::ClockFixture()
+    : clock_{SystemClock().wallMicroseconds, SystemClock().processorMicroseconds, FixedUtcSeconds},
+      previous_(UseClockSource(&clock_)) {}
+
+ClockFixture::~ClockFixture() { UseClockSource(previous_); }
 
 }  // namespace test

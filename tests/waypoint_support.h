@@ -1,6 +1,8 @@
 // Shared pieces of the waypoint file tests: a fixed clock and waypoint records.
 #pragma once
 
+#include "core/clock.h"
+
 #include <string>
 #include <vector>
 
@@ -37,7 +39,8 @@ class ClockFixture {
   ClockFixture& operator=(const ClockFixture&) = delete;
 
  private:
-  void (*previous_)(SystemTime*);
+  ClockSource clock_;
+  const ClockSource* previous_;
 };
 
 }  // namespace test

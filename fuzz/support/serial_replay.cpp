@@ -10,10 +10,13 @@
 #include <numbers>
 #include <string_view>
 
+#include "core/clock.h"
 #include "core/run.h"
+#include "driver/families.h"
 #include "fuzz_support.h"
 #include "geo/conv.h"
 #include "link/com.h"
+#include "output/file.h"
 #include "serial/ascent.h"
 #include "serial/flymaster.h"
 #include "serial/galileo.h"
@@ -136,37 +139,41 @@ void Prepare(const Action& action, uint8_t flight) {
   std::snprintf(tGps.szComPort, sizeof tGps.szComPort, "/dev/cu.replay");
   if (action.command == kCommandUploadWaypoints) LoadWaypoints();
   session = Session{};
-  SetWallClockSource(WallClock);
-  mlr::SetProcessorClock(ProcessorClock);
+  static const ClockSource clock{WallClock, ProcessorClock, SystemClock().utcSeconds};
+  UseClockSource(&clock);
   UseLinkStandIn(&kStandIn);
 }
 
 int32_t Finish(int32_t result) {
   UseLinkStandIn(nullptr);
-  SetWallClockSource(nullptr);
-  mlr::SetProcessorClock(nullptr);
+  UseClockSource(nullptr);
   return result;
 }
+
+// The command as the dispatch runs it: on the port, opened and closed.
+int32_t Run(const Action& action) { return RunFamilyCommand(*FindFamily(action.gpsType), action.run); }
 
 }  // namespace
 
 const std::vector<Action>& Actions() {
   static const std::vector<Action> actions = {
       {"flytec-track", kGpsGalileo, kCommandDownloadTrack, DownloadGalileoTrackLog},
-      {"flytec-all", kGpsGalileo, kCommandDownloadAllTracks, DownloadGalileoBulkTrackLog},
+      {"flytec-all", kGpsGalileo, kCommandDownloadAllTracks, [] { return DownloadGalileoBulkTrackLog(SaveTracklog); }},
       {"flytec-waypoints", kGpsGalileo, kCommandDownloadWaypoints, DownloadGalileoWaypoints},
       {"flytec-upload", kGpsGalileo, kCommandUploadWaypoints, UploadGalileoWaypoints},
       {"flymaster-track", kGpsFlymaster, kCommandDownloadTrack, DownloadFlymasterTrackLog},
       {"flymaster-new-track", kGpsFlymasterNew, kCommandDownloadTrack, DownloadFlymasterTrackLog},
-      {"flymaster-all", kGpsFlymasterNew, kCommandDownloadAllTracks, DownloadFlymasterBulkTrackLog},
+      {"flymaster-all", kGpsFlymasterNew, kCommandDownloadAllTracks,
+       [] { return DownloadFlymasterBulkTrackLog(SaveTracklog); }},
       {"flymaster-waypoints", kGpsFlymasterNew, kCommandDownloadWaypoints, DownloadFlymasterWaypoints},
       {"flymaster-upload", kGpsFlymaster, kCommandUploadWaypoints, UploadFlymasterWaypoints},
       {"iqbasic-track", kGpsIqBasic, kCommandDownloadTrack, DownloadIqBasicTrackLog},
       {"ascent-track", kGpsAscent, kCommandDownloadTrack, DownloadAscentTrackLog},
-      {"ascent-all", kGpsAscent, kCommandDownloadAllTracks, DownloadAscentBulkTrackLog},
+      {"ascent-all", kGpsAscent, kCommandDownloadAllTracks, [] { return DownloadAscentBulkTrackLog(SaveTracklog); }},
       {"mlr-track", kGpsMlr, kCommandDownloadTrack, DownloadMlrTrackLog},
       {"leonardo-track", kGpsLeonardo, kCommandDownloadTrack, DownloadLeonardoTrackLog},
-      {"leonardo-all", kGpsLeonardo, kCommandDownloadAllTracks, DownloadLeonardoBulkTrackLog},
+      {"leonardo-all", kGpsLeonardo, kCommandDownloadAllTracks,
+       [] { return DownloadLeonardoBulkTrackLog(SaveTracklog); }},
   };
   return actions;
 }
@@ -182,7 +189,7 @@ Outcome Replay(const uint8_t* data, size_t size) {
     if (at == std::string_view::npos) break;
     rest.remove_prefix(at + std::strlen(kSeparator));
   }
-  const int32_t result = Finish(action.run());
+  const int32_t result = Finish(Run(action));
   return {result, session.opens, session.closes, session.commands};
 }
 
@@ -198,7 +205,7 @@ std::string Record(size_t action, uint8_t flight, const std::string& device) {
   }
   Prepare(a, flight);
   session.device = fd;
-  Finish(a.run());
+  Finish(Run(a));
   close(fd);
   std::string script;
   script += static_cast<char>(action);

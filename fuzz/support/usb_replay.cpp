@@ -213,19 +213,11 @@ const syride::UsbPlatform kReplayPlatform = {
     OpenLibrary, FindSymbol, CloseLibrary, HidInit, HidOpen, HidWrite, HidRead, HidGetProductString, HidClose, Sleep,
 };
 
-int32_t DecodeIgc(const uint8_t* text, int32_t length) {
-  int32_t result = DecodeIgcBuffer(text, length, nullptr, 0);
-  FUZZ_CHECK(result < 0 ? tGps.pTrackPoints == nullptr : tGps.nTrackPoints > 0);
-  return result;
-}
-
 // Files are not the subject here: a saved flight is only looked at.
 int32_t KeepTrack() {
   FUZZ_CHECK(tGps.nTrackPoints >= 0 && tGps.nTrackPoints <= tGps.nTrackCapacity);
   return 0;
 }
-
-const syride::TrackConsumers kConsumers = {DecodeIgc, KeepTrack};
 
 }  // namespace
 
@@ -250,9 +242,7 @@ ReplayResult RunSyrideReplay(const uint8_t* script, size_t size) {
   tGps.dwCommand = bulk ? kCommandDownloadAllTracks : kCommandDownloadTrack;
   tGps.nFlightNumber = setup[1];  // never -1: nothing may wait for the terminal
   syride::UseUsbPlatform(&kReplayPlatform);
-  syride::UseTrackConsumers(&kConsumers);
-  const int32_t status = bulk ? DownloadSyrideBulkTrackLog() : DownloadSyrideTrackLog();
-  syride::UseTrackConsumers(nullptr);
+  const int32_t status = bulk ? DownloadSyrideBulkTrackLog(KeepTrack) : DownloadSyrideTrackLog();
   syride::UseUsbPlatform(nullptr);
 
   FUZZ_CHECK(instrument.opens == instrument.closes);

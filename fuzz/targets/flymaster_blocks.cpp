@@ -13,6 +13,7 @@
 #include <cstring>
 #include <vector>
 
+#include "core/console.h"
 #include "core/run.h"
 #include "fuzz_support.h"
 #include "serial/flymaster.h"

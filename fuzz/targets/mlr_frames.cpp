@@ -14,6 +14,7 @@
 #include <memory>
 #include <vector>
 
+#include "core/console.h"
 #include "core/run.h"
 #include "fuzz_support.h"
 #include "serial/mlr.h"

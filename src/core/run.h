@@ -1,10 +1,14 @@
-// The run parameters, program entry and dispatch, console input and progress.
+// The run record: the one global of settings, the receive FIFO, the
+// configuration values, and the downloaded track log and waypoint list with
+// the one routine that grows them.
 #pragma once
 
 #include <atomic>
 #include <cstdint>
+#include <cstdlib>
+#include <cstring>
 
-#include "geo/time.h"
+#include "core/records.h"
 
 constexpr int32_t kComFifoSize = 100000;
 
@@ -123,40 +127,52 @@ constexpr int32_t kWaypointInitialCapacity = 100;
 void ResetRunParameters();
 void SetDefaultParameters();
 
-// Growing arrays of the run parameters; on allocation failure they print
+// The one growth routine of the record's arrays: room for element `used`,
+// `initial` elements at first, then twice the capacity whenever it is full.
+// -1 when memory ran out; the array is then unchanged and nothing is
+// printed, so that each reader names the failure its own way.
+template <typename T>
+int GrowArray(T** array, int32_t* capacity, int32_t used, int32_t initial) {
+  if (*array != nullptr && used < *capacity) return 0;
+  if (*array != nullptr && *capacity > INT32_MAX / 2) return -1;
+  int32_t wanted = *array == nullptr || *capacity <= 0 ? initial : *capacity * 2;
+  T* grown = static_cast<T*>(std::malloc(sizeof(T) * static_cast<size_t>(wanted)));
+  if (grown == nullptr) return -1;
+  if (*array != nullptr && used > 0) std::memcpy(grown, *array, sizeof(T) * static_cast<size_t>(used));
+  std::free(*array);
+  *array = grown;
+  *capacity = wanted;
+  return 0;
+}
+
+// Room for one more point of the track log (`initial` points at first).
+inline int GrowTrackLog(int32_t initial = kTrackInitialCapacity) {
+  return GrowArray(&tGps.pTrackPoints, &tGps.nTrackCapacity, tGps.nTrackPoints, initial);
+}
+
+// Appends to the record's arrays; on allocation failure they print
 // " Memory allocation error\n" and return -1.
 int AppendTrackPoint(const TrackPoint& point);
 int AppendWaypoint(const Waypoint& waypoint);
 int AppendRawLog(const uint8_t* bytes, int32_t count);
 
+// Frees the track log's points, leaving it empty; the raw log stays.
+void ReleaseTrackPoints();
 // Frees the raw log and the track log, leaving both empty.
 void ReleaseTrackLog();
+// An empty track log with room for `points`; with `rawBytes` above 0 the raw
+// log too starts empty with that room. -1 when memory ran out (both logs
+// released then).
+int StartTrackLog(int32_t points, int32_t rawBytes = 0);
 // Frees the waypoint list, leaving it empty.
 void ReleaseWaypointList();
 // An empty waypoint list with its first room; -1 when memory ran out.
 int StartWaypointList();
 
-int KestrixMain(int argc, char** argv);
-void help();
-void KestrixIntExit(int signal);
-void KestrixSigExit(int signal);
-void MainProgram();
-int GetUserInput(char* buffer, int size);
+// What a reader knows of the log it filled, for the IGC and KML writers:
+// point times are UTC, the log may carry a signature, the points carry
+// pressure altitudes; and when it arrived (GPS seconds).
+void SetLogFlags(int32_t utc, int32_t signature, int32_t pressureAltitude, uint32_t downloadTime);
 
-// The progress counter every transfer shows: "Label: 0", then the number
-// overwritten in place by backspaces at most once per interval, or a full
-// line per update with --scroll.
-class ProgressCounter {
- public:
-  ProgressCounter(const char* label, uint64_t intervalMicroseconds = 500000);
-  void Update(int32_t count);
-  void Finish(int32_t count);
-
- private:
-  void Print(int32_t count, const char* end);
-
-  const char* label_;
-  uint64_t interval_;
-  uint64_t lastPrint_;
-  int digits_;
-};
+// How an all-tracks download hands each track to the saving pipeline.
+using TrackSaver = int32_t (*)();

@@ -4,22 +4,13 @@
 #include <cstring>
 
 #include "core/run.h"
+#include "driver/families.h"
 #include "link/string.h"
 
 namespace {
 
 constexpr size_t kWorkSize = 1024;
 constexpr size_t kPortNameLimit = 22;
-
-struct GpsSwitch {
-  const char* value;
-  GpsType type;
-};
-
-constexpr GpsSwitch kGpsSwitches[] = {
-    {"c", kGpsGalileo},  {"y", kGpsFlymaster}, {"yn", kGpsFlymasterNew}, {"da", kGpsLeonardo},
-    {"iq", kGpsIqBasic}, {"as", kGpsAscent},   {"m", kGpsMlr},           {"sy", kGpsSyride},
-};
 
 struct Extension {
   const char* ending;
@@ -63,20 +54,31 @@ uint32_t TakeExtension(char* value, const Extension (&extensions)[N], uint32_t o
   return otherwise;
 }
 
+// A command that cannot do without a file name: `missing` when none is given.
+int TakeNeededFileName(char* value, Command command, const char* missing) {
+  if (Unquote(value, "File name not enclosed in quotation marks: %s\n") < 0) return -1;
+  if (value[0] == '\0') {
+    std::printf("%s", missing);
+    return -1;
+  }
+  tGps.dwCommand = command;
+  StoreFileName(value);
+  return 0;
+}
+
 // "-g" and "-c" take the rest of the switch, or the rest after "=".
 char* AttachedValue(char* work) { return work[1] == '=' ? work + 2 : work + 1; }
 
 }  // namespace
 
 int HandleCmdGpsType(char* value) {
-  for (const GpsSwitch& s : kGpsSwitches) {
-    if (std::strcmp(value, s.value) == 0) {
-      tGps.dwGpsType = s.type;
-      return 0;
-    }
+  const Family* family = FindFamilyBySwitch(value);
+  if (family == nullptr) {
+    std::printf("Unsupported GPS: %s\n", value);
+    return -1;
   }
-  std::printf("Unsupported GPS: %s\n", value);
-  return -1;
+  tGps.dwGpsType = family->type;
+  return 0;
 }
 
 int HandleCmdPort(char* value) {
@@ -133,16 +135,7 @@ int HandleCmdWptRead(char* value) {
   return 0;
 }
 
-int HandleCmdWptWrite(char* value) {
-  if (Unquote(value, "File name not enclosed in quotation marks: %s\n") < 0) return -1;
-  if (value[0] == '\0') {
-    std::printf("No file name\n");
-    return -1;
-  }
-  tGps.dwCommand = kCommandUploadWaypoints;
-  StoreFileName(value);
-  return 0;
-}
+int HandleCmdWptWrite(char* value) { return TakeNeededFileName(value, kCommandUploadWaypoints, "No file name\n"); }
 
 int HandleCmdGap(char* value) {
   uint32_t minutes = 0;
@@ -155,14 +148,7 @@ int HandleCmdGap(char* value) {
 }
 
 int HandleCmdTranslate(char* value) {
-  if (Unquote(value, "File name not enclosed in quotation marks: %s\n") < 0) return -1;
-  if (value[0] == '\0') {
-    std::printf("No file name for file conversion\n");
-    return -1;
-  }
-  tGps.dwCommand = kCommandConvertIgc;
-  StoreFileName(value);
-  return 0;
+  return TakeNeededFileName(value, kCommandConvertIgc, "No file name for file conversion\n");
 }
 
 int HandleCmdFlightSelect(char* value) {

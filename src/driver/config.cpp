@@ -8,6 +8,7 @@
 #include <memory>
 
 #include "core/run.h"
+#include "geo/conv.h"
 
 namespace {
 
@@ -45,10 +46,6 @@ bool ScanNumber(const char* line, const char* key, int32_t* value) {
   long long wide = std::strtoll(p, nullptr, 10);
   *value = static_cast<int32_t>(wide);
   return true;
-}
-
-int32_t FeetToMetres(int32_t feet) {
-  return static_cast<int32_t>((static_cast<int64_t>(feet) * 3048 + 5000) / 10000);
 }
 
 struct DetectionGroup {

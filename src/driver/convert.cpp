@@ -4,31 +4,16 @@
 #include <cstring>
 
 #include "core/run.h"
+#include "geo/time.h"
 #include "igc/igc.h"
 #include "output/file.h"
-
-namespace {
-
-void FreeTrackLog() {
-  std::free(tGps.pTrackPoints);
-  tGps.pTrackPoints = nullptr;
-  tGps.nTrackCapacity = 0;
-  tGps.nTrackPoints = 0;
-}
-
-}  // namespace
 
 int32_t TranslateIgcLog() {
   const char* source = tGps.szFileName;
   if (ReadIgcFile(source) < 0) return -1;
 
   // A file carries no instrument signature and its times are not known to be UTC.
-  tGps.bSignature = 0;
-  tGps.bUtc = 0;
-  tGps.bPressureAltitude = 1;
-  SystemTime now{};
-  pfnGetDownloadTime(&now);
-  tGps.dwDownloadTime = ConvertSystemTimeToGpsTime(&now);
+  SetLogFlags(0, 0, 1, GetCurrentGpsTime());
   tGps.szProduct[0] = '\0';
   std::printf("Source file decoded (%d points)\n", tGps.nTrackPoints);
 
@@ -39,6 +24,6 @@ int32_t TranslateIgcLog() {
   std::memcpy(output, source, length);
   std::memcpy(output + length, ".kml", 5);
   const int32_t saved = SaveKmlTrackLog(output, 0);
-  FreeTrackLog();
+  ReleaseTrackPoints();
   return saved < 0 ? -1 : 0;
 }

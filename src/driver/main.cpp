@@ -1,30 +1,18 @@
-#include "core/run.h"
+#include "driver/main.h"
 
-#include <fcntl.h>
 #include <unistd.h>
 
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <new>
 
+#include "core/run.h"
 #include "driver/cmd.h"
 #include "driver/config.h"
 #include "driver/convert.h"
-#include "igc/igc.h"
+#include "driver/families.h"
 #include "output/file.h"
-#include "serial/ascent.h"
-#include "serial/flymaster.h"
-#include "serial/galileo.h"
-#include "serial/iqbasic.h"
-#include "serial/leonardo.h"
-#include "serial/mlr.h"
-#include "usb/syride.h"
-
-RunParameters tGps;
-std::atomic<int32_t> restartTask{0};
-std::atomic<int32_t> mainThreadActive{0};
 
 namespace {
 
@@ -88,93 +76,7 @@ void WriteSignalMessage(const char* name, int signal) {
   (void)ignored;
 }
 
-template <typename T>
-int Grow(T** array, int32_t* capacity, int32_t initial, int32_t used) {
-  int32_t wanted = *array == nullptr || *capacity <= 0 ? initial : *capacity * 2;
-  T* grown = static_cast<T*>(std::malloc(sizeof(T) * static_cast<size_t>(wanted)));
-  if (grown == nullptr) {
-    std::printf(" Memory allocation error\n");
-    return -1;
-  }
-  if (*array != nullptr && used > 0) std::memcpy(grown, *array, sizeof(T) * static_cast<size_t>(used));
-  std::free(*array);
-  *array = grown;
-  *capacity = wanted;
-  return 0;
-}
-
 }  // namespace
-
-void ResetRunParameters() {
-  std::free(tGps.pbRawLog);
-  std::free(tGps.pTrackPoints);
-  std::free(tGps.pWaypoints);
-  // Value-initialising the trivially destructible record zeroes every byte
-  // of it, the atomics included.
-  tGps.~RunParameters();
-  new (&tGps) RunParameters{};
-}
-
-void SetDefaultParameters() {
-  tGps.nGapSeconds = -1;
-  tGps.nFlightNumber = -1;
-}
-
-int AppendTrackPoint(const TrackPoint& point) {
-  if (tGps.nTrackPoints >= tGps.nTrackCapacity || tGps.pTrackPoints == nullptr) {
-    if (Grow(&tGps.pTrackPoints, &tGps.nTrackCapacity, kTrackInitialCapacity, tGps.nTrackPoints) < 0) {
-      return -1;
-    }
-  }
-  tGps.pTrackPoints[tGps.nTrackPoints++] = point;
-  return 0;
-}
-
-int AppendWaypoint(const Waypoint& waypoint) {
-  if (tGps.nWaypoints >= tGps.nWaypointCapacity || tGps.pWaypoints == nullptr) {
-    if (Grow(&tGps.pWaypoints, &tGps.nWaypointCapacity, kWaypointInitialCapacity, tGps.nWaypoints) < 0) {
-      return -1;
-    }
-  }
-  tGps.pWaypoints[tGps.nWaypoints++] = waypoint;
-  return 0;
-}
-
-int AppendRawLog(const uint8_t* bytes, int32_t count) {
-  for (int32_t i = 0; i < count; ++i) {
-    if (tGps.nRawLogLength >= tGps.nRawLogSize || tGps.pbRawLog == nullptr) {
-      if (Grow(&tGps.pbRawLog, &tGps.nRawLogSize, kRawLogInitialSize, tGps.nRawLogLength) < 0) return -1;
-    }
-    tGps.pbRawLog[tGps.nRawLogLength++] = bytes[i];
-  }
-  return 0;
-}
-
-void ReleaseWaypointList() {
-  std::free(tGps.pWaypoints);
-  tGps.pWaypoints = nullptr;
-  tGps.nWaypointCapacity = 0;
-  tGps.nWaypoints = 0;
-}
-
-int StartWaypointList() {
-  ReleaseWaypointList();
-  tGps.pWaypoints = static_cast<Waypoint*>(std::malloc(sizeof(Waypoint) * kWaypointInitialCapacity));
-  if (tGps.pWaypoints == nullptr) return -1;
-  tGps.nWaypointCapacity = kWaypointInitialCapacity;
-  return 0;
-}
-
-void ReleaseTrackLog() {
-  std::free(tGps.pbRawLog);
-  tGps.pbRawLog = nullptr;
-  tGps.nRawLogSize = 0;
-  tGps.nRawLogLength = 0;
-  std::free(tGps.pTrackPoints);
-  tGps.pTrackPoints = nullptr;
-  tGps.nTrackCapacity = 0;
-  tGps.nTrackPoints = 0;
-}
 
 void help() {
   for (const char* text : kHelpTexts) std::fputs(text, stdout);
@@ -195,149 +97,38 @@ void KestrixSigExit(int signal) {
   std::signal(signal, SIG_DFL);
 }
 
-int GetUserInput(char* buffer, int size) {
-  int flags = fcntl(STDIN_FILENO, F_GETFL);
-  if (flags == -1 || fcntl(STDIN_FILENO, F_SETFL, flags | O_NONBLOCK) == -1) {
-    std::printf("Could not set STDIN non-blocking\n");
-    return -1;
-  }
-  std::fflush(stdout);
-  int stored = 0;
-  while (tGps.bAbort == 0 && stored < size - 1) {
-    char c;
-    ssize_t got = read(STDIN_FILENO, &c, 1);
-    if (got == 1) {
-      buffer[stored++] = c;
-      if (c == '\n') break;
-    } else if (got == 0) {
-      break;  // end of input: nobody is left to type the rest
-    } else {
-      usleep(10000);
-    }
-  }
-  if (size > 0) buffer[stored] = '\0';
-  // Give the shell its terminal back as it was.
-  fcntl(STDIN_FILENO, F_SETFL, flags);
-  return 0;
-}
-
-ProgressCounter::ProgressCounter(const char* label, uint64_t intervalMicroseconds)
-    : label_(label), interval_(intervalMicroseconds), lastPrint_(GetWallClockMicroseconds()), digits_(1) {
-  std::printf(tGps.bScroll ? "%s0\n" : "%s0", label_);
-  std::fflush(stdout);
-}
-
-void ProgressCounter::Update(int32_t count) {
-  uint64_t now = GetWallClockMicroseconds();
-  if (now - lastPrint_ < interval_) return;
-  lastPrint_ = now;
-  Print(count, "");
-}
-
-void ProgressCounter::Finish(int32_t count) { Print(count, "\n"); }
-
-void ProgressCounter::Print(int32_t count, const char* end) {
-  static constexpr char kBackspaces[] = "\b\b\b\b\b\b\b\b";
-  if (tGps.bScroll) {
-    std::printf("%s%d\n", label_, count);
-  } else {
-    int back = digits_ < 8 ? digits_ : 8;
-    char number[16];
-    digits_ = std::snprintf(number, sizeof number, "%d", count);
-    std::printf("%s%s%s", kBackspaces + 8 - back, number, end);
-  }
-  std::fflush(stdout);
-}
-
 void MainProgram() {
-  int32_t result = -1;
+  const Family* family = FindFamily(tGps.dwGpsType);
   switch (tGps.dwCommand) {
     case kCommandDownloadTrack:
-      switch (tGps.dwGpsType) {
-        case kGpsFlymasterNew:
-        case kGpsFlymaster:
-          result = DownloadFlymasterTrackLog();
-          break;
-        case kGpsGalileo:
-          result = DownloadGalileoTrackLog();
-          break;
-        case kGpsLeonardo:
-          result = DownloadLeonardoTrackLog();
-          break;
-        case kGpsIqBasic:
-          result = DownloadIqBasicTrackLog();
-          break;
-        case kGpsAscent:
-          result = DownloadAscentTrackLog();
-          break;
-        case kGpsMlr:
-          result = DownloadMlrTrackLog();
-          break;
-        case kGpsSyride:
-          result = DownloadSyrideTrackLog();
-          break;
-        default:
-          std::printf("No GPS type specified\n");
-          result = -1;
-          break;
+      if (family == nullptr || family->downloadTrack == nullptr) {
+        std::printf("No GPS type specified\n");
+      } else if (RunFamilyCommand(*family, family->downloadTrack) == 0) {
+        SaveTracklog();
       }
-      if (result == 0) SaveTracklog();
       break;
     case kCommandDownloadAllTracks:
-      switch (tGps.dwGpsType) {
-        case kGpsFlymasterNew:
-        case kGpsFlymaster:
-          DownloadFlymasterBulkTrackLog();
-          break;
-        case kGpsAscent:
-          DownloadAscentBulkTrackLog();
-          break;
-        case kGpsLeonardo:
-          DownloadLeonardoBulkTrackLog();
-          break;
-        case kGpsGalileo:
-          DownloadGalileoBulkTrackLog();
-          break;
-        case kGpsSyride:
-          DownloadSyrideBulkTrackLog();
-          break;
-        default:
-          std::printf("No/unsupported GPS type specified\n");
-          break;
+      if (family == nullptr || family->downloadAllTracks == nullptr) {
+        std::printf("No/unsupported GPS type specified\n");
+      } else {
+        RunFamilyCommand(*family, family->downloadAllTracks, SaveTracklog);
       }
       break;
     case kCommandDownloadWaypoints:
-      switch (tGps.dwGpsType) {
-        case kGpsGalileo:
-          result = DownloadGalileoWaypoints();
-          break;
-        case kGpsFlymaster:
-        case kGpsFlymasterNew:
-          result = DownloadFlymasterWaypoints();
-          break;
-        default:
-          std::printf("Waypoint download not supported for the selected GPS\n");
-          result = -1;
-          break;
-      }
-      if (result == 0) {
+      if (family == nullptr || family->downloadWaypoints == nullptr) {
+        std::printf("Waypoint download not supported for the selected GPS\n");
+      } else if (RunFamilyCommand(*family, family->downloadWaypoints) == 0) {
         if ((tGps.dwFileTypes & kFileWptOzi) != 0) SaveOziWaypoints();
         if ((tGps.dwFileTypes & kFileWptGpx) != 0) SaveGpxWaypoints();
         if ((tGps.dwFileTypes & kFileWptKml) != 0) SaveKmlWaypoints();
       }
       break;
     case kCommandUploadWaypoints:
-      if (tGps.dwGpsType != kGpsGalileo && tGps.dwGpsType != kGpsFlymaster &&
-          tGps.dwGpsType != kGpsFlymasterNew) {
+      // Checked before the file is read.
+      if (family == nullptr || family->uploadWaypoints == nullptr) {
         std::printf("Waypoint upload not supported for the selected GPS\n");
-        break;
-      }
-      if (ReadWaypointFile() == 0) {
-        if (tGps.dwGpsType == kGpsGalileo) {
-          UploadGalileoWaypoints();
-        } else {
-          UploadFlymasterWaypoints();
-        }
+      } else if (ReadWaypointFile() == 0) {
+        RunFamilyCommand(*family, family->uploadWaypoints);
       }
       break;
     case kCommandConvertIgc:
@@ -347,7 +138,6 @@ void MainProgram() {
       std::printf("No GPS command found\n");
       break;
   }
-  (void)result;
 }
 
 int KestrixMain(int argc, char** argv) {

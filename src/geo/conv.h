@@ -1,4 +1,5 @@
-// The arc (2^31 arcs = 180 degrees) and its conversions; geodesy.
+// The arc (2^31 arcs = 180 degrees), the units of angles and lengths and
+// their conversions; geodesy.
 #pragma once
 
 #include <cmath>
@@ -8,6 +9,26 @@ constexpr double kArcToRadians = 1.4629180792671596e-9;  // pi / 2^31
 constexpr double kRadiansToArc = 683565275.5764316;      // 2^31 / pi
 constexpr double kArcToSec100 = 0.03017485141754;        // 180*3600*100 / 2^31
 constexpr double kArcToMin1000 = 0.005029141902924;      // 180*60*1000 / 2^31
+constexpr double kMin1000ToArc = 198.8410785185;          // a thousandth of a minute in arcs
+constexpr double kDegree7ToArc = 1.1930464711111;         // 1e-7 degree in arcs: 2^31 / 1.8e9
+
+// Angles in the units the formats and protocols use. The digits are the
+// ones every written file was made with; they are not to be refined.
+constexpr double kPi = 3.14159265358979323846;
+constexpr double kHalfPi = 1.57079632679489661923;
+constexpr double kRadiansToDegrees = 57.29577951308;
+constexpr double kDegreesToRadians = 0.01745329251994;
+constexpr double kMinutesToRadians = 0.0002908882086657;  // one minute of arc
+constexpr double kMin1000ToRadians = 2.908882086657e-7;   // a thousandth of a minute
+constexpr double kRadiansToMin1000 = 3437746.770785;
+
+// Lengths.
+constexpr double kFeetPerMetre = 3.28084;
+constexpr double kMetresPerFoot = 0.3048;
+// Whole feet to the nearest whole metre, in integers (0.3048 m a foot).
+constexpr int32_t FeetToMetres(int32_t feet) {
+  return static_cast<int32_t>((static_cast<int64_t>(feet) * 3048 + 5000) / 10000);
+}
 
 void ConvertArcToGeoPos(int32_t latArc, int32_t lonArc, double* lat, double* lon);
 void ConvertGeoToArcPos(double lat, double lon, int32_t* latArc, int32_t* lonArc);

@@ -1,8 +1,8 @@
 #include "geo/time.h"
 
-#include <sys/time.h>
-
 #include <ctime>
+
+#include "core/clock.h"
 
 const uint32_t dwDaysTable0[13] = {0, 0, 31, 59, 90, 120, 151, 181, 212, 243, 273, 304, 334};
 const uint32_t dwDaysTable1[13] = {0, 0, 31, 60, 91, 121, 152, 182, 213, 244, 274, 305, 335};
@@ -14,7 +14,7 @@ constexpr uint32_t k364Days = 31449600;  // 1989-01-01 to the GPS epoch
 }  // namespace
 
 void GetDownloadTime(SystemTime* out) {
-  std::time_t now = std::time(nullptr);
+  std::time_t now = static_cast<std::time_t>(GetUtcSeconds());
   std::tm utc{};
   gmtime_r(&now, &utc);
   out->wYear = static_cast<uint32_t>(utc.tm_year + 1900);
@@ -72,17 +72,4 @@ void ConvertGpsTimeToSystemTime(uint32_t gps, SystemTime* out) {
   out->wHour = (s % kSecondsPerDay) / 3600u;
   out->wMinute = (s % 3600u) / 60u;
   out->wSecond = s % 60u;
-}
-
-namespace {
-uint64_t (*pfnWallClock)() = nullptr;
-}  // namespace
-
-void SetWallClockSource(uint64_t (*source)()) { pfnWallClock = source; }
-
-uint64_t GetWallClockMicroseconds() {
-  if (pfnWallClock != nullptr) return pfnWallClock();
-  timeval tv{};
-  gettimeofday(&tv, nullptr);
-  return static_cast<uint64_t>(tv.tv_sec) * 1000000u + static_cast<uint64_t>(tv.tv_usec);
 }

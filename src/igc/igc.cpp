@@ -11,6 +11,7 @@
 
 #include "core/run.h"
 #include "geo/conv.h"
+#include "geo/time.h"
 #include "link/string.h"
 
 namespace {
@@ -192,7 +193,6 @@ namespace {
 
 constexpr int32_t kLineKept = 102;
 constexpr int32_t kTrackStartCapacity = 2000;
-constexpr double kMin1000ToArc = 198.8410785185;
 constexpr uint32_t kMidnightStep = 3600;  // a step back this large is a new day
 
 bool IsDecimal(char c) { return c >= '0' && c <= '9'; }
@@ -240,34 +240,12 @@ struct IgcDecoding {
   int32_t pilotFieldSize = 0;
 };
 
-void FreeTrackLog() {
-  std::free(tGps.pTrackPoints);
-  tGps.pTrackPoints = nullptr;
-  tGps.nTrackCapacity = 0;
-  tGps.nTrackPoints = 0;
-}
-
 bool StartsWith(const char* text, const char* prefix) { return std::strncmp(text, prefix, std::strlen(prefix)) == 0; }
 
 int MakeRoomForPoint() {
-  if (tGps.nTrackPoints < tGps.nTrackCapacity) return 0;
-  TrackPoint* grown = nullptr;
-  int32_t wanted = 0;
-  if (tGps.nTrackCapacity <= INT32_MAX / 2) {
-    wanted = tGps.nTrackCapacity <= 0 ? kTrackStartCapacity : tGps.nTrackCapacity * 2;
-    grown = static_cast<TrackPoint*>(std::malloc(sizeof(TrackPoint) * static_cast<size_t>(wanted)));
-  }
-  if (grown == nullptr) {
-    std::printf("Could not allocate memory for track log\n");
-    return -1;
-  }
-  if (tGps.nTrackPoints > 0) {
-    std::memcpy(grown, tGps.pTrackPoints, sizeof(TrackPoint) * static_cast<size_t>(tGps.nTrackPoints));
-  }
-  std::free(tGps.pTrackPoints);
-  tGps.pTrackPoints = grown;
-  tGps.nTrackCapacity = wanted;
-  return 0;
+  if (GrowTrackLog(kTrackStartCapacity) == 0) return 0;
+  std::printf("Could not allocate memory for track log\n");
+  return -1;
 }
 
 int ProcessARecord(IgcDecoding& d) {
@@ -418,7 +396,7 @@ int DecodePosSentence(const char* text, TrackPoint* point) {
 }
 
 int32_t DecodeIgcBuffer(const uint8_t* text, int32_t length, char* pilotField, int32_t pilotFieldSize) {
-  FreeTrackLog();
+  ReleaseTrackPoints();
   if (text == nullptr) length = 0;
   IgcDecoding d;
   d.pilotField = pilotField;
@@ -433,7 +411,7 @@ int32_t DecodeIgcBuffer(const uint8_t* text, int32_t length, char* pilotField, i
       ++d.lineNumber;
       d.line[d.lineLength] = '\0';
       if (ProcessLine(d) < 0) {
-        FreeTrackLog();
+        ReleaseTrackPoints();
         return -1;
       }
       d.lineLength = 0;
@@ -446,12 +424,12 @@ int32_t DecodeIgcBuffer(const uint8_t* text, int32_t length, char* pilotField, i
 
   if (d.manufacturer[0] == '\0') {
     std::printf("No A-record found\n");
-    FreeTrackLog();
+    ReleaseTrackPoints();
     return -1;
   }
   if (tGps.nTrackPoints == 0) {
     std::printf("No positions found\n");
-    FreeTrackLog();
+    ReleaseTrackPoints();
     return -1;
   }
   return d.gRecords;

@@ -4,7 +4,7 @@
 #include <array>
 #include <cstdint>
 
-#include "geo/time.h"
+#include "core/records.h"
 
 // Key of the security record: a permutation of the 64 bits of its block.
 extern const uint8_t abScramble[64];

@@ -16,6 +16,10 @@ namespace {
 
 const LinkStandIn* pStandIn = nullptr;
 
+// What the terminal was set to before the program opened it.
+termios tSavedSettings;
+bool bSavedSettings = false;
+
 constexpr int kReadChunk = 300;
 constexpr useconds_t kPollSleep = 10000;
 constexpr useconds_t kFullSleep = 100000;
@@ -67,28 +71,7 @@ void WaitForThreadState(bool (*done)(int32_t)) {
 
 }  // namespace
 
-int32_t GetComSpeedForType(int32_t gpsType) {
-  switch (gpsType) {
-    case 1:
-    case 4:
-    case 5:
-    case 7:
-      return 57600;
-    case 6:
-    case 12:
-      return 38400;
-    case 13:
-      return 115200;
-    case 3:
-      return 4800;
-    case 8:
-      return tGps.nComSpeed != 0 ? tGps.nComSpeed : 9600;
-    default:
-      return 9600;
-  }
-}
-
-int32_t OpenComPort() {
+int32_t OpenComPort(int32_t baud) {
   if (pStandIn != nullptr) {
     pStandIn->opened(1);
     std::printf("Opened port %s\nStarting COM thread\n", tGps.szComPort);
@@ -96,13 +79,13 @@ int32_t OpenComPort() {
     tGps.nFifoWrite.store(0, std::memory_order_relaxed);
     return 0;
   }
-  int32_t baud = GetComSpeedForType(tGps.dwGpsType);
   int fd = open(tGps.szComPort, O_RDWR | O_NONBLOCK | O_NOCTTY);
   if (fd < 0) {
     if (!tGps.bSilent) std::printf("Could not open COM port %s\n", tGps.szComPort);
     return -1;
   }
   hComPort = fd;
+  bSavedSettings = tcgetattr(fd, &tSavedSettings) == 0;
   std::printf("Opened port %s\n", tGps.szComPort);
 
   // No CREAD or CLOCAL here: SetComSpeed adds them.
@@ -152,6 +135,8 @@ int32_t CloseComPort() {
   }
   tGps.bComThreadStop.store(1, std::memory_order_release);
   WaitForThreadState([](int32_t state) { return state != kThreadRunning; });
+  if (bSavedSettings) tcsetattr(hComPort, TCSANOW, &tSavedSettings);
+  bSavedSettings = false;
   return close(hComPort);
 }
 

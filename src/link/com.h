@@ -8,14 +8,36 @@
 // does not reset it.
 extern int32_t hComPort;
 
-// Line speed at open for an instrument type code.
-int32_t GetComSpeedForType(int32_t gpsType);
-
-int32_t OpenComPort();
+// Opens tGps.szComPort raw at `baud` and starts the reader thread; the
+// terminal settings found there are kept for CloseComPort.
+int32_t OpenComPort(int32_t baud);
 int32_t SetComSpeed(int32_t baud);
-// Stops the reader thread and closes the device; the thread has ended when
-// it returns, so nothing reads a descriptor number that is reused later.
+// Stops the reader thread, puts back the terminal settings that were there
+// before and closes the device; the thread has ended when it returns, so
+// nothing reads a descriptor number that is reused later.
 int32_t CloseComPort();
+
+// The one way a serial command uses the port: open it at `baud`, run
+// `stage`, close it whatever the stage returned. -1 when it does not open.
+template <typename Stage>
+int32_t RunComCommand(int32_t baud, Stage stage) {
+  if (OpenComPort(baud) < 0) return -1;
+  int32_t result = stage();
+  CloseComPort();
+  return result;
+}
+
+// The commands of a family that keeps one transfer record per exchange: a
+// cleared record, the instrument identified by the family's ReadProductData,
+// then `stage` with the record. The family's own ResetTransfer and
+// ReadProductData are found in its namespace.
+template <typename Transfer, typename Stage>
+int32_t RunIdentified(Stage stage) {
+  Transfer transfer;
+  ResetTransfer(&transfer);
+  int32_t result = ReadProductData(&transfer);
+  return result == 0 ? stage(&transfer) : result;
+}
 
 // The reader thread's body: moves everything received into the FIFO.
 void* ComThread(void* unused);

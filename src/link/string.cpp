@@ -8,13 +8,6 @@ namespace {
 
 bool IsDigit(char c) { return c >= '0' && c <= '9'; }
 
-int HexDigitValue(char c) {
-  if (c >= '0' && c <= '9') return c - '0';
-  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-  return -1;
-}
-
 const char* SkipBlanks(const char* p) {
   while (*p == ' ') ++p;
   return p;
@@ -51,10 +44,9 @@ const char* ReadFraction(const char* p, double* fraction) {
 
 int ParseNmeaString(char* sentence, int32_t* offsets, int maximum) {
   if (sentence[0] != '$') return kNmeaNoDollar;
-  unsigned char sum = 0;
-  char* p = sentence + 1;
-  while (*p != '\0' && *p != '*') sum ^= static_cast<unsigned char>(*p++);
+  char* p = sentence + 1 + std::strcspn(sentence + 1, "*");
   if (*p != '*') return kNmeaNoStar;
+  const uint8_t sum = NmeaChecksum(sentence + 1, static_cast<int>(p - sentence - 1));
   *p = '\0';
   int high = HexDigitValue(p[1]);
   int low = high < 0 ? -1 : HexDigitValue(p[2]);
@@ -70,6 +62,25 @@ int ParseNmeaString(char* sentence, int32_t* offsets, int maximum) {
     if (fields < maximum) offsets[fields++] = static_cast<int32_t>(q + 1 - sentence);
   }
   return fields;
+}
+
+int HexDigitValue(char c) {
+  if (c >= '0' && c <= '9') return c - '0';
+  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+  return -1;
+}
+
+uint8_t NmeaChecksum(const char* body, int length) {
+  uint8_t sum = 0;
+  for (int i = 0; i < length; ++i) sum ^= static_cast<uint8_t>(body[i]);
+  return sum;
+}
+
+int FormatNmeaSentence(char* out, int size, const char* body, bool lowerCaseChecksum) {
+  const int length = static_cast<int>(std::strlen(body));
+  return std::snprintf(out, static_cast<size_t>(size), lowerCaseChecksum ? "$%s*%02x\r\n" : "$%s*%02X\r\n", body,
+                       NmeaChecksum(body, length));
 }
 
 namespace {

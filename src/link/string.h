@@ -12,6 +12,16 @@ constexpr int kNmeaNoStar = -5;
 
 int ParseNmeaString(char* sentence, int32_t* offsets, int maximum);
 
+// 0..15 for a hex digit of either case, else -1.
+int HexDigitValue(char c);
+
+// The XOR of the characters between "$" and "*".
+uint8_t NmeaChecksum(const char* body, int length);
+// "$<body>*<checksum>\r\n" into `out` (`size` bytes), the checksum as two
+// upper-case hex digits, or lower-case ones where an instrument wants them.
+// Returns the length written.
+int FormatNmeaSentence(char* out, int size, const char* body, bool lowerCaseChecksum = false);
+
 // All decoders consume the whole field (blanks around it allowed) and leave
 // their outputs untouched on failure.
 int DecodeIntegerString(const char* text, int32_t* value);

@@ -10,18 +10,13 @@
 
 #include "core/run.h"
 #include "geo/conv.h"
+#include "geo/time.h"
 #include "igc/igc.h"
 #include "output/google.h"
 #include "track/analysis.h"
 
-void (*pfnGetDownloadTime)(SystemTime* out) = GetDownloadTime;
-
 namespace {
 
-constexpr double kRadiansToDegrees = 57.29577951308;
-constexpr double kDegreesToRadians = 0.01745329251994;
-constexpr double kFeetPerMetre = 3.28084;
-constexpr double kMetresPerFoot = 0.3048;
 constexpr double kOziDayOfGpsEpoch = 32873.0;  // 1989-12-31 in days since 1899-12-30
 constexpr double kSecondsPerDay = 86400.0;
 constexpr int32_t kOziNoAltitude = -777;
@@ -73,12 +68,6 @@ int32_t TruncateToInt32(double value) {
 int32_t RoundHalfAway(double value) {
   if (value >= 0.0) return TruncateToInt32(value + 0.5);
   return -TruncateToInt32(0.5 - value);
-}
-
-uint32_t CurrentGpsTime() {
-  SystemTime now{};
-  pfnGetDownloadTime(&now);
-  return ConvertSystemTimeToGpsTime(&now);
 }
 
 // ----- Writing ---------------------------------------------------------------
@@ -148,27 +137,28 @@ const char* TextOrNull(const char* text) { return text[0] == '\0' ? nullptr : te
 
 int32_t FeetFromMetres(int32_t metres) { return RoundHalfAway(metres * kFeetPerMetre); }
 
-void DegreesOf(const Waypoint& waypoint, double* latitude, double* longitude) {
-  ConvertArcToGeoPos(waypoint.lLatitude, waypoint.lLongitude, latitude, longitude);
-  *latitude *= kRadiansToDegrees;
-  *longitude *= kRadiansToDegrees;
+// Calls `write` with each waypoint of the list, its number and its position
+// in degrees; -1 as soon as a piece cannot be added.
+template <typename Write>
+int AddEachWaypoint(Write write) {
+  for (int32_t i = 0; i < tGps.nWaypoints; ++i) {
+    const Waypoint& w = tGps.pWaypoints[i];
+    double latitude;
+    double longitude;
+    ConvertArcToGeoPos(w.lLatitude, w.lLongitude, &latitude, &longitude);
+    if (write(i, w, latitude * kRadiansToDegrees, longitude * kRadiansToDegrees) < 0) return -1;
+  }
+  return 0;
 }
 
 // Identifiers and comments are bounded by their fields' sizes, terminated or not.
 int BuildOziText(TextBuffer* text) {
   if (StartText(text) < 0 || AddFormattedTxt(text, "%s", kOziHead) < 0) return -1;
-  for (int32_t i = 0; i < tGps.nWaypoints; ++i) {
-    const Waypoint& w = tGps.pWaypoints[i];
-    double latitude;
-    double longitude;
-    DegreesOf(w, &latitude, &longitude);
-    if (AddFormattedTxt(text, "%4d,%-14.6s,%11.6f,%11.6f,%.7f,%d, 1, 3, 0, 65535,%-40.40s, 0, 0, 0, %d\r\n", i + 1,
-                        w.szId, latitude, longitude, kOziDayOfGpsEpoch + w.dwTime / kSecondsPerDay, 0, w.szComment,
-                        FeetFromMetres(w.lAltitude)) < 0) {
-      return -1;
-    }
-  }
-  return 0;
+  return AddEachWaypoint([text](int32_t i, const Waypoint& w, double latitude, double longitude) {
+    return AddFormattedTxt(text, "%4d,%-14.6s,%11.6f,%11.6f,%.7f,%d, 1, 3, 0, 65535,%-40.40s, 0, 0, 0, %d\r\n", i + 1,
+                           w.szId, latitude, longitude, kOziDayOfGpsEpoch + w.dwTime / kSecondsPerDay, 0, w.szComment,
+                           FeetFromMetres(w.lAltitude));
+  });
 }
 
 int BuildGpxText(TextBuffer* text) {
@@ -178,7 +168,7 @@ int BuildGpxText(TextBuffer* text) {
     if (AddFormattedTxt(text, "%s", piece) < 0) return -1;
   }
   SystemTime now{};
-  pfnGetDownloadTime(&now);
+  GetDownloadTime(&now);
   if (AddFormattedTxt(text, pszGpxHead_7, now.wYear, now.wMonth, now.wDay, now.wHour, now.wMinute, now.wSecond) < 0) {
     return -1;
   }
@@ -205,44 +195,34 @@ int BuildGpxText(TextBuffer* text) {
       AddFormattedTxt(text, "  </metadata>\r\n") < 0) {
     return -1;
   }
-  for (int32_t i = 0; i < tGps.nWaypoints; ++i) {
-    const Waypoint& w = tGps.pWaypoints[i];
-    double latitude;
-    double longitude;
-    DegreesOf(w, &latitude, &longitude);
+  int added = AddEachWaypoint([text](int32_t, const Waypoint& w, double latitude, double longitude) {
     SystemTime time{};
     ConvertGpsTimeToSystemTime(w.dwTime, &time);
-    if (AddFormattedTxt(text, "  <wpt lat=\"%.6f\" lon=\"%.6f\">\r\n", latitude, longitude) < 0 ||
-        AddFormattedTxt(text, "    <ele>%.1f</ele>\r\n", static_cast<double>(w.lAltitude)) < 0 ||
-        AddFormattedTxt(text, "    <time>%d-%02d-%02dT%02d:%02d:%02d</time>\r\n", time.wYear, time.wMonth, time.wDay,
-                        time.wHour, time.wMinute, time.wSecond) < 0 ||
-        AddFormattedTxt(text, "    <name>%.6s</name>\r\n", w.szId) < 0 ||
-        AddFormattedTxt(text, "    <cmt>%.40s</cmt>\r\n", w.szComment) < 0 ||
-        AddFormattedTxt(text, "  </wpt>\r\n") < 0) {
-      return -1;
-    }
-  }
-  return AddFormattedTxt(text, "</gpx>\r\n");
+    bool ok = AddFormattedTxt(text, "  <wpt lat=\"%.6f\" lon=\"%.6f\">\r\n", latitude, longitude) >= 0 &&
+              AddFormattedTxt(text, "    <ele>%.1f</ele>\r\n", static_cast<double>(w.lAltitude)) >= 0 &&
+              AddFormattedTxt(text, "    <time>%d-%02d-%02dT%02d:%02d:%02d</time>\r\n", time.wYear, time.wMonth,
+                              time.wDay, time.wHour, time.wMinute, time.wSecond) >= 0 &&
+              AddFormattedTxt(text, "    <name>%.6s</name>\r\n", w.szId) >= 0 &&
+              AddFormattedTxt(text, "    <cmt>%.40s</cmt>\r\n", w.szComment) >= 0 &&
+              AddFormattedTxt(text, "  </wpt>\r\n") >= 0;
+    return ok ? 0 : -1;
+  });
+  return added < 0 ? -1 : AddFormattedTxt(text, "</gpx>\r\n");
 }
 
 int BuildKmlWaypointText(TextBuffer* text) {
   if (StartText(text) < 0 || AddFormattedTxt(text, "%s", kKmlWaypointsHead) < 0) return -1;
-  for (int32_t i = 0; i < tGps.nWaypoints; ++i) {
-    const Waypoint& w = tGps.pWaypoints[i];
-    double latitude;
-    double longitude;
-    DegreesOf(w, &latitude, &longitude);
-    if (AddFormattedTxt(text, "      <Placemark>\r\n") < 0 ||
-        AddFormattedTxt(text, "        <name>%.6s</name>\r\n", w.szId) < 0 ||
-        AddFormattedTxt(text, "        <description>%.40s</description>\r\n", w.szComment) < 0 ||
-        AddFormattedTxt(text, "        <Point>\r\n") < 0 ||
-        AddFormattedTxt(text, "        <coordinates>%.6f,%.6f,%.6f</coordinates>\r\n", longitude, latitude,
-                        static_cast<double>(w.lAltitude)) < 0 ||
-        AddFormattedTxt(text, "        </Point>\r\n") < 0 || AddFormattedTxt(text, "      </Placemark>\r\n") < 0) {
-      return -1;
-    }
-  }
-  return AddFormattedTxt(text, "%s", kKmlWaypointsTail);
+  int added = AddEachWaypoint([text](int32_t, const Waypoint& w, double latitude, double longitude) {
+    bool ok = AddFormattedTxt(text, "      <Placemark>\r\n") >= 0 &&
+              AddFormattedTxt(text, "        <name>%.6s</name>\r\n", w.szId) >= 0 &&
+              AddFormattedTxt(text, "        <description>%.40s</description>\r\n", w.szComment) >= 0 &&
+              AddFormattedTxt(text, "        <Point>\r\n") >= 0 &&
+              AddFormattedTxt(text, "        <coordinates>%.6f,%.6f,%.6f</coordinates>\r\n", longitude, latitude,
+                              static_cast<double>(w.lAltitude)) >= 0 &&
+              AddFormattedTxt(text, "        </Point>\r\n") >= 0 && AddFormattedTxt(text, "      </Placemark>\r\n") >= 0;
+    return ok ? 0 : -1;
+  });
+  return added < 0 ? -1 : AddFormattedTxt(text, "%s", kKmlWaypointsTail);
 }
 
 int32_t SaveWaypointFile(const char* extension, int (*build)(TextBuffer*)) {
@@ -268,17 +248,10 @@ void Report(const char* format, ...) {
   va_end(arguments);
 }
 
-// Stores a decoded waypoint; the room doubles as soon as the count reaches it.
+// Stores a decoded waypoint, the list growing when full.
 int StoreWaypoint(const Waypoint& waypoint) {
+  if (GrowArray(&tGps.pWaypoints, &tGps.nWaypointCapacity, tGps.nWaypoints, kWaypointInitialCapacity) < 0) return -1;
   tGps.pWaypoints[tGps.nWaypoints++] = waypoint;
-  if (tGps.nWaypoints < tGps.nWaypointCapacity) return 0;
-  const size_t room = static_cast<size_t>(tGps.nWaypointCapacity) * 2;
-  auto* grown = static_cast<Waypoint*>(std::malloc(sizeof(Waypoint) * room));
-  if (grown == nullptr) return -1;
-  std::memcpy(grown, tGps.pWaypoints, sizeof(Waypoint) * static_cast<size_t>(tGps.nWaypoints));
-  std::free(tGps.pWaypoints);
-  tGps.pWaypoints = grown;
-  tGps.nWaypointCapacity *= 2;
   return 0;
 }
 
@@ -408,7 +381,7 @@ int32_t DecodeWaypointLines(char* rest, int32_t lineNumber, int (*decode)(char*,
     Report("Waypoint memory allocation error\n");
     return -1;
   }
-  const uint32_t now = CurrentGpsTime();
+  const uint32_t now = GetCurrentGpsTime();
   while (rest != nullptr) {
     char* line = nullptr;
     rest = ExtractLine(rest, &line);
@@ -443,7 +416,7 @@ int32_t MakeWptFileName(char* buffer, int32_t maxLength, const char* extension) 
   const char* base = tGps.szFileName;
   if (base[0] == '\0') {
     SystemTime now{};
-    pfnGetDownloadTime(&now);
+    GetDownloadTime(&now);
     std::snprintf(date, sizeof date, "%d-%02d-%02d_%02d-%02d", now.wYear, now.wMonth, now.wDay, now.wHour, now.wMinute);
     base = date;
   }

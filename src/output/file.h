@@ -3,7 +3,7 @@
 
 #include <cstdint>
 
-#include "geo/time.h"
+#include "core/records.h"
 #include "link/string.h"
 
 // Names are built in buffers of kFileNameLimit + 1 bytes.
@@ -24,10 +24,6 @@ int32_t SaveOziWaypoints();
 int32_t SaveGpxWaypoints();
 int32_t SaveKmlWaypoints();
 int32_t ReadWaypointFile();
-
-// The clock behind waypoint file names, the GPX time stamp and the time given
-// to waypoints read from files; GetDownloadTime unless a test fixes it.
-extern void (*pfnGetDownloadTime)(SystemTime* out);
 
 // Track file name from the output name, the pilot name and `gpsTime`.
 int32_t MakeLogFileName(char* buffer, int32_t maxLength, uint32_t gpsTime, const char* extension);

@@ -6,6 +6,7 @@
 
 #include "core/run.h"
 #include "geo/conv.h"
+#include "geo/time.h"
 #include "link/string.h"
 #include "output/hash.h"
 #include "track/analysis.h"
@@ -20,7 +21,6 @@ const volatile uint8_t abXmlStart[kXmlStartLength] = {0x26, 0x41, 0xC4, 0xC3, 0x
 
 constexpr uint8_t XmlStartKey(int32_t position) { return static_cast<uint8_t>(0x5C + 29 * position); }
 
-constexpr double kRadiansToDegrees = 57.29577951308;
 constexpr uint32_t kUnknownDownloadTime = 0xFFFFFFFFu;
 constexpr int32_t kTimesPerLine = 25;
 constexpr int32_t kCoordinatesPerLine = 5;

@@ -1,18 +1,17 @@
 #include "serial/ascent.h"
 
-#include <unistd.h>
-
-#include <cerrno>
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
+#include "core/bytes.h"
+#include "core/console.h"
 #include "core/run.h"
 #include "geo/time.h"
 #include "igc/igc.h"
 #include "link/com.h"
-#include "output/file.h"
+#include "link/receive.h"
 
 namespace ascent {
 
@@ -37,16 +36,7 @@ constexpr int32_t kSectionCapacities[kSections] = {1000, 1000, 10000, 1000, 1000
 constexpr int32_t kLinesPerProgress = 500;
 constexpr int kSelectLineSize = 101;
 
-uint16_t Word(const uint8_t* bytes) { return static_cast<uint16_t>(bytes[0] << 8 | bytes[1]); }
-
 bool BulkMode() { return tGps.dwCommand == kCommandDownloadAllTracks; }
-
-// Microseconds since `since` on the wall clock; a clock set back counts as now.
-int64_t SilenceSince(uint64_t* since) {
-  uint64_t now = GetWallClockMicroseconds();
-  if (now < *since) *since = now;
-  return static_cast<int64_t>(now - *since);
-}
 
 void FreeSection(Section* s) {
   std::free(s->data);
@@ -74,37 +64,6 @@ void EndLine(Section* s, FlightTransfer* t) {
   ++t->lines;
 }
 
-bool ParseTypedNumber(const char* line, int32_t* number) {
-  errno = 0;
-  char* end = nullptr;
-  long value = std::strtol(line, &end, 10);
-  if (end == line) return false;
-  if (value > INT32_MAX) value = INT32_MAX;
-  if (value < INT32_MIN) value = INT32_MIN;
-  *number = static_cast<int32_t>(value);
-  return true;
-}
-
-int32_t ChooseFlight(const Product* product) {
-  if (BulkMode()) return 0;
-  int32_t number = tGps.nFlightNumber;
-  if (number < 0) {
-    std::printf("Select: ");
-    std::fflush(stdout);
-    char typed[kSelectLineSize] = "";
-    GetUserInput(typed, sizeof typed);
-    if (!ParseTypedNumber(typed, &number)) {
-      std::printf("No flight number found\n");
-      return -1;
-    }
-  }
-  if (number < 1 || number > product->flightCount) {
-    std::printf("Flight number out of range\n");
-    return -1;
-  }
-  return number;
-}
-
 void SendPacketRequest(uint16_t trackId, uint8_t section) {
   uint8_t request[5];
   FormatPacketRequest(trackId, section, request);
@@ -117,16 +76,16 @@ bool IsSupportedFirmware(uint32_t firmware) { return (firmware >= 1356 && firmwa
 
 bool DecodeProductResponse(const uint8_t* r, Product* product, char* text, int32_t size) {
   if (r[0] != kProductId) return false;
-  product->valueB = Word(r + 5);
-  product->firmware = Word(r + 7);
-  product->valueA = Word(r + 10);
+  product->valueB = ReadBigUnsignedShort(r + 5);
+  product->firmware = ReadBigUnsignedShort(r + 7);
+  product->valueA = ReadBigUnsignedShort(r + 10);
   product->supported = IsSupportedFirmware(product->firmware) ? 1 : 0;
   std::snprintf(text, static_cast<size_t>(size), "Ascent, SNR %02X%02X%02X%02X, SW %d.%d", r[1], r[2], r[3], r[4],
                 product->firmware / 1000, product->firmware % 1000);
   return true;
 }
 
-uint16_t BlockNumber(const uint8_t* message) { return Word(message + 1); }
+uint16_t BlockNumber(const uint8_t* message) { return ReadBigUnsignedShort(message + 1); }
 
 void StartList(ListState* list, Product* product) {
   list->previousBlock = -1;
@@ -145,8 +104,8 @@ int32_t DecodeListMessage(ListState* list, const uint8_t* m, Product* product, c
   list->previousBlock = block;
   if (m[4] == 0 && m[5] == 0) return kListNoTracks;
   if (product->flightCount < kMaxFlights) {
-    product->flightIds[product->flightCount++] = Word(m + 6);
-    int32_t seconds = Word(m + 13) * 60;
+    product->flightIds[product->flightCount++] = ReadBigUnsignedShort(m + 6);
+    int32_t seconds = ReadBigUnsignedShort(m + 13) * 60;
     std::snprintf(entry, static_cast<size_t>(size), "%2d   %02d.%02d.%02d   %02d:%02d:00   %02d:%02d:%02d\n",
                   product->flightCount, m[10], m[11], m[12], m[8], m[9], seconds / 3600, seconds / 60 % 60,
                   seconds % 60);
@@ -254,24 +213,19 @@ int32_t ReadProductData(Product* product) {
   // Bytes beyond the response's size are read and dropped.
   uint8_t response[kProductResponseSize];
   int32_t held = 0;
-  uint64_t last = GetWallClockMicroseconds();
-  for (;;) {
-    while (NonEmptyComFifoWithSleep(10)) {
-      uint8_t b = ReadComFifo();
-      last = GetWallClockMicroseconds();
-      if (held < kProductResponseSize) response[held++] = b;
-      if (held == kProductResponseSize &&
-          DecodeProductResponse(response, product, tGps.szProduct, sizeof tGps.szProduct)) {
-        std::printf("%s\n", tGps.szProduct);
-        PauseLink(kAfterProduct);
-        return 0;
-      }
-    }
-    if (SilenceSince(&last) > kProductSilence) {
-      std::printf("Timeout or invalid response\n");
-      return -1;
-    }
+  int32_t result = ReceiveUntilSilent(kProductSilence, [&](uint8_t b) {
+    if (held < kProductResponseSize) response[held++] = b;
+    bool valid = held == kProductResponseSize &&
+                 DecodeProductResponse(response, product, tGps.szProduct, sizeof tGps.szProduct);
+    return valid ? 0 : 1;
+  });
+  if (result != 0) {
+    std::printf("Timeout or invalid response\n");
+    return -1;
   }
+  std::printf("%s\n", tGps.szProduct);
+  PauseLink(kAfterProduct);
+  return 0;
 }
 
 int32_t ReadTrackList(Product* product) {
@@ -279,17 +233,14 @@ int32_t ReadTrackList(Product* product) {
   std::printf("Track list:\n");
   ListState list;
   StartList(&list, product);
-  WriteComData(abGetTrackList, sizeof abGetTrackList);
   uint8_t message[kListMessageSize];
-  int32_t held = 0;
-  uint64_t last = GetWallClockMicroseconds();
-  for (;;) {
-    while (NonEmptyComFifoWithSleep(10)) {
-      uint8_t b = ReadComFifo();
-      last = GetWallClockMicroseconds();
-      if (held >= kListMessageSize) continue;
+  // One request a message; the list ends with a message of block 0.
+  do {
+    WriteComData(abGetTrackList, sizeof abGetTrackList);
+    int32_t held = 0;
+    int32_t result = ReceiveUntilSilent(kListTimeout, [&](uint8_t b) {
       message[held++] = b;
-      if (held < kListMessageSize) continue;
+      if (held < kListMessageSize) return 1;
       char entry[64];
       switch (DecodeListMessage(&list, message, product, entry, sizeof entry)) {
         case kListBadId:
@@ -303,27 +254,19 @@ int32_t ReadTrackList(Product* product) {
           return -1;
         default:
           std::printf("%s", entry);
-          break;
+          return 0;
       }
-    }
-    int64_t silence = SilenceSince(&last);
-    if (held < kListMessageSize) {
-      if (silence > kListTimeout) {
-        std::printf("Timeout waiting for data\n");
-        return -1;
-      }
-    } else if (silence > kListMessageEnd) {
-      if (BlockNumber(message) == 0) break;
-      held = 0;
-      WriteComData(abGetTrackList, sizeof abGetTrackList);
-      last = GetWallClockMicroseconds();
-    }
-  }
+    });
+    if (result == 1) std::printf("Timeout waiting for data\n");
+    if (result != 0) return -1;
+    // The message ends when the line falls quiet; anything more is dropped.
+    ReceiveUntilSilent(kListMessageEnd, [](uint8_t) { return 1; });
+  } while (BlockNumber(message) != 0);
   if (product->flightCount == 0) {
     std::printf("No tracks found\n");
     return -1;
   }
-  return ChooseFlight(product);
+  return BulkMode() ? 0 : ChooseFlightNumber(product->flightCount, kSelectLineSize);
 }
 
 int32_t ReadIgcTrackLog(Product*, uint16_t trackId) {
@@ -334,35 +277,28 @@ int32_t ReadIgcTrackLog(Product*, uint16_t trackId) {
   }
   SendPacketRequest(trackId, 0);
   ProgressCounter progress("Lines: ", 0);
-  uint64_t last = GetWallClockMicroseconds();
-  bool complete = false;
-  while (!complete && SilenceSince(&last) <= kPacketSilence) {
-    while (!complete && NonEmptyComFifoWithSleep(10)) {
-      uint8_t b = ReadComFifo();
-      last = GetWallClockMicroseconds();
-      int32_t result = DecodePacketByte(&transfer, b);
-      switch (result) {
-        case kPacketBadStart:
-          std::printf("Bad response in state 0 (0x%02x)\n", b);
-          return -1;
-        case kPacketBadSection:
-          std::printf("Bad response from GPS\n");
-          return -1;
-        case kPacketNoMemory:
-          std::printf("Memory allocation error\n");
-          return -1;
-        case kPacketDone:
-          SendPacketRequest(trackId, static_cast<uint8_t>(transfer.section));
-          break;
-        case kFlightComplete:
-          complete = true;
-          break;
-        default:
-          break;
-      }
-      if (transfer.lines > 0 && transfer.lines % kLinesPerProgress == 0) progress.Update(transfer.lines);
+  int32_t result = ReceiveUntilSilent(kPacketSilence, [&](uint8_t b) {
+    int32_t decoded = DecodePacketByte(&transfer, b);
+    switch (decoded) {
+      case kPacketBadStart:
+        std::printf("Bad response in state 0 (0x%02x)\n", b);
+        return -1;
+      case kPacketBadSection:
+        std::printf("Bad response from GPS\n");
+        return -1;
+      case kPacketNoMemory:
+        std::printf("Memory allocation error\n");
+        return -1;
+      case kPacketDone:
+        SendPacketRequest(trackId, static_cast<uint8_t>(transfer.section));
+        break;
+      default:
+        break;
     }
-  }
+    if (transfer.lines > 0 && transfer.lines % kLinesPerProgress == 0) progress.Update(transfer.lines);
+    return decoded == kFlightComplete ? 0 : 1;
+  });
+  if (result < 0) return -1;
 
   uint8_t* text = nullptr;
   int32_t length = 0;
@@ -384,46 +320,35 @@ int32_t ReadIgcTrackLog(Product*, uint16_t trackId) {
   tGps.pbRawLog = text;
   tGps.nRawLogSize = length;
   tGps.dwFirstPointTime = tGps.pTrackPoints[0].dwTime;
-  tGps.bSignature = 1;
-  tGps.bUtc = 1;
-  tGps.bPressureAltitude = 1;
-  tGps.dwDownloadTime = GetCurrentGpsTime();
+  SetLogFlags(1, 1, 1, GetCurrentGpsTime());
   return 0;
 }
 
 }  // namespace ascent
 
 int32_t DownloadAscentTrackLog() {
-  if (OpenComPort() < 0) return -1;
   ascent::Product product{};
-  int32_t result = ascent::ReadProductData(&product);
-  if (result == 0 && product.supported == 0) {
+  if (ascent::ReadProductData(&product) < 0) return -1;
+  if (product.supported == 0) {
     std::printf("Unsupported firmware version\n");
-    result = -1;
+    return -1;
   }
-  if (result == 0) {
-    // The list position goes out as the track id, not the id the list gave.
-    int32_t position = ascent::ReadTrackList(&product);
-    result = position > 0 ? ascent::ReadIgcTrackLog(&product, static_cast<uint16_t>(position)) : -1;
-  }
-  CloseComPort();
-  return result;
+  // The list position goes out as the track id, not the id the list gave.
+  int32_t position = ascent::ReadTrackList(&product);
+  return position > 0 ? ascent::ReadIgcTrackLog(&product, static_cast<uint16_t>(position)) : -1;
 }
 
-int32_t DownloadAscentBulkTrackLog() {
-  if (OpenComPort() < 0) return -1;
+int32_t DownloadAscentBulkTrackLog(TrackSaver save) {
   ascent::Product product{};
   int32_t result = ascent::ReadProductData(&product);
   if (result == 0) result = ascent::ReadTrackList(&product);
-  if (result == 0) {
-    for (int32_t i = 0; i < product.flightCount; ++i) {
-      uint16_t id = product.flightIds[i];
-      std::printf("Getting flight number %d\n", id);
-      if (ascent::ReadIgcTrackLog(&product, id) < 0) break;
-      SaveTracklog();
-      ReleaseTrackLog();
-    }
+  if (result != 0) return result;
+  for (int32_t i = 0; i < product.flightCount; ++i) {
+    uint16_t id = product.flightIds[i];
+    std::printf("Getting flight number %d\n", id);
+    if (ascent::ReadIgcTrackLog(&product, id) < 0) break;
+    save();
+    ReleaseTrackLog();
   }
-  CloseComPort();
-  return result;
+  return 0;
 }

@@ -3,8 +3,11 @@
 
 #include <cstdint>
 
+#include "core/run.h"
+
+// The commands, each on a port that the caller opened at the line speed.
 int32_t DownloadAscentTrackLog();
-int32_t DownloadAscentBulkTrackLog();
+int32_t DownloadAscentBulkTrackLog(TrackSaver save);
 
 namespace ascent {
 

@@ -1,20 +1,20 @@
 #include "serial/flymaster.h"
 
-#include <unistd.h>
-
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
 
+#include "core/bytes.h"
+#include "core/console.h"
 #include "core/run.h"
 #include "geo/conv.h"
 #include "geo/time.h"
 #include "igc/igc.h"
 #include "link/com.h"
+#include "link/receive.h"
 #include "link/string.h"
-#include "output/file.h"
 
 namespace flymaster {
 namespace {
@@ -50,10 +50,6 @@ constexpr int32_t kNewInitialPoints = 2000;
 constexpr int32_t kTaskInitialSlots = 20;
 constexpr int32_t kWaypointNameSize = 16;
 
-// 1/60000 degree in arcs.
-constexpr double kMin1000ToArc = 198.8410785185;
-constexpr double kDegreeToRadians = 0.01745329251994;
-constexpr double kRadiansToThousandths = 3437746.770785;
 constexpr float kSeaLevelPressure = 1013.25f;
 
 // Older models: flight information and key position need these lengths.
@@ -86,12 +82,7 @@ uint32_t Magnitude(int32_t value) {
   return value < 0 ? 0u - static_cast<uint32_t>(value) : static_cast<uint32_t>(value);
 }
 
-uint16_t ReadU16(const uint8_t* p) { return static_cast<uint16_t>(p[0] | p[1] << 8); }
-int16_t ReadS16(const uint8_t* p) { return static_cast<int16_t>(ReadU16(p)); }
-uint32_t ReadU32(const uint8_t* p) {
-  return static_cast<uint32_t>(p[0]) | static_cast<uint32_t>(p[1]) << 8 | static_cast<uint32_t>(p[2]) << 16 |
-         static_cast<uint32_t>(p[3]) << 24;
-}
+// The change a delta record carries in one byte.
 int8_t ReadS8(uint8_t b) { return static_cast<int8_t>(b); }
 
 char ToUpper(char c) { return c >= 'a' && c <= 'z' ? static_cast<char>(c - 'a' + 'A') : c; }
@@ -101,25 +92,6 @@ void CopyText(char* out, size_t limit, const char* text) {
   size_t n = strnlen(text, limit);
   std::memcpy(out, text, n);
   out[n] = '\0';
-}
-
-// Polls the FIFO and hands every byte to `take` until the line has been
-// silent for more than `silence` microseconds or `take` answers something
-// else than 1. Returns that answer, or 1 after the silence.
-template <typename Take>
-int32_t ReceiveUntilSilent(int64_t silence, Take take) {
-  uint64_t last = GetWallClockMicroseconds();
-  for (;;) {
-    while (NonEmptyComFifoWithSleep(10)) {
-      uint8_t byte = ReadComFifo();
-      last = GetWallClockMicroseconds();
-      int32_t result = take(byte);
-      if (result != 1) return result;
-    }
-    uint64_t now = GetWallClockMicroseconds();
-    if (now < last) last = now;  // the clock was set back: start the silence again
-    if (static_cast<int64_t>(now - last) > silence) return 1;
-  }
 }
 
 void StartReception(FlymasterTransfer* t) {
@@ -133,35 +105,11 @@ int32_t ReceiveSentence(FlymasterTransfer* t, int64_t silence) {
   return ReceiveUntilSilent(silence, [t](uint8_t b) { return TakeSentenceByte(t, b) ? 0 : 1; });
 }
 
-// Growth of a point array without a message: the callers name the failure.
-bool AppendPoint(TrackPoint** items, int32_t* count, int32_t* capacity, const TrackPoint& point) {
-  if (*count >= *capacity || *items == nullptr) {
-    int32_t wanted = *items == nullptr || *capacity <= 0 ? kOldInitialPoints : *capacity * 2;
-    auto* grown = static_cast<TrackPoint*>(std::malloc(sizeof(TrackPoint) * static_cast<size_t>(wanted)));
-    if (grown == nullptr) return false;
-    if (*items != nullptr && *count > 0) std::memcpy(grown, *items, sizeof(TrackPoint) * static_cast<size_t>(*count));
-    std::free(*items);
-    *items = grown;
-    *capacity = wanted;
-  }
-  (*items)[(*count)++] = point;
+// Appends to the track log without a message: the callers name the failure.
+bool AppendPoint(const TrackPoint& point, int32_t initial) {
+  if (GrowTrackLog(initial) < 0) return false;
+  tGps.pTrackPoints[tGps.nTrackPoints++] = point;
   return true;
-}
-
-// A fresh track log with room for `points`.
-bool AllocateTrack(int32_t points) {
-  std::free(tGps.pTrackPoints);
-  tGps.nTrackPoints = 0;
-  tGps.pTrackPoints = static_cast<TrackPoint*>(std::malloc(sizeof(TrackPoint) * static_cast<size_t>(points)));
-  tGps.nTrackCapacity = tGps.pTrackPoints == nullptr ? 0 : points;
-  return tGps.pTrackPoints != nullptr;
-}
-
-void SetTrackFlags(uint32_t downloadTime) {
-  tGps.bUtc = 1;
-  tGps.bSignature = 1;
-  tGps.bPressureAltitude = 1;
-  tGps.dwDownloadTime = downloadTime;
 }
 
 bool ValidTrackNumber(const FlymasterTransfer* t, int32_t trackNumber) {
@@ -308,30 +256,30 @@ class Walk2xx {
  private:
   bool Record(const uint8_t* r) {
     switch (r[0] & 127) {
-      case 8:
+      case kDeltaFix:
         return Delta(&fixes_[0], 0, r);
-      case 72:
-      case 74:
+      case kDeltaFixAltitude:
+      case kDeltaFixAltitudeLong:
         return Delta(&fixes_[1], 1, r);
-      case 19:
+      case kFullFix:
         return Full(&fixes_[0], 0, r);
-      case 83:
-      case 85:
+      case kFullFixAltitude:
+      case kFullFixAltitudeLong:
         return Full(&fixes_[1], 1, r);
-      case 39:
+      case kEvent:
         return Event(r);
-      case 71:
+      case kTaskHeader:
         return TaskHeader(r);
-      case 30:
+      case kTaskPointRecord:
         return TaskPoint(r);
-      case 63:
+      case kPilotRecord:
         CopyText(pilot_, 24, reinterpret_cast<const char*>(r + 1));
         return true;
-      case 67:
-      case 101:
-        build_ = ReadU16(r + 1);
+      case kBuildRecord:
+      case kBuildRecordLong:
+        build_ = ReadUnsignedShort(r + 1);
         return true;
-      default:  // 49 and unknown records carry nothing for the log
+      default:  // kCounters and unknown records carry nothing for the log
         return true;
     }
   }
@@ -340,9 +288,9 @@ class Walk2xx {
     s->header = r[0];
     s->latitude = GetLocation(r + 2);
     s->longitude = GetLocation(r + 6);
-    s->gnssAltitude = ReadS16(r + 10);
-    s->pressure = ReadS16(r + 12);
-    s->time = ReadU32(r + 14);
+    s->gnssAltitude = ReadSignedShort(r + 10);
+    s->pressure = ReadSignedShort(r + 12);
+    s->time = ReadUnsignedLong(r + 14);
     return Fix(s, family);
   }
 
@@ -370,7 +318,7 @@ class Walk2xx {
     static constexpr FixState kNowhere{};
     const FixState& s = last_ != nullptr ? *last_ : kNowhere;
     // Before any fix there is no pressure to convert: the zero goes out as it is.
-    return BRecord(s, last_ != nullptr ? lastFamily_ : 1, ReadU32(r + 1));
+    return BRecord(s, last_ != nullptr ? lastFamily_ : 1, ReadUnsignedLong(r + 1));
   }
 
   bool BRecord(const FixState& s, int family, uint32_t time) {
@@ -393,7 +341,7 @@ class Walk2xx {
     taskPoints_ = ReadS8(r[1]);
     if (taskPoints_ == 0 || taskPoints_ == 1) return true;
     SystemTime st;
-    ConvertGpsTimeToSystemTime(ReadU32(r + 3) + kInstrumentEpoch, &st);
+    ConvertGpsTimeToSystemTime(ReadUnsignedLong(r + 3) + kInstrumentEpoch, &st);
     uint32_t turnpoints = taskPoints_ < 0 ? 0u : static_cast<uint32_t>(taskPoints_ - 2);
     turnpoint_ = 1;
     return TaskText().Addf("C%02u%02u%02u%02u%02u%02u0000000000%02u\r\n", st.wDay, st.wMonth, st.wYear - 2000u,
@@ -493,7 +441,7 @@ bool AppendTaskPoint(TaskPointList* list, const TaskPoint& point) {
 
 bool StoreTaskPoint(TaskPointList* list, const uint8_t* r, uint32_t downloadTime) {
   TaskPoint p{};
-  p.altitude = ReadS16(r + 4);
+  p.altitude = ReadSignedShort(r + 4);
   p.latitude = RoundHalfAway(GetLocation(r + 6) * kMin1000ToArc);
   p.longitude = QuirkLongitudeToArc(GetLocation(r + 10), false);
   const char* name = reinterpret_cast<const char*>(r + 14);
@@ -522,7 +470,7 @@ void StoreFlightInfo(FlymasterTransfer* t) {
     CopyText(out, static_cast<size_t>(available < size ? available : size),
              reinterpret_cast<const char*>(b.data + offset));
   };
-  t->infoNumber = ReadU32(b.data + 4);
+  t->infoNumber = ReadUnsignedLong(b.data + 4);
   text(t->infoText[0], 8, 7);
   text(t->infoText[1], 16, 14);
   if (std::strcmp(t->name, "B1NAV") == 0) {
@@ -550,17 +498,17 @@ OldStep HandleBlock(FlymasterTransfer* t, ProgressCounter* progress) {
       return Accept();
     case kKeyPositionBlock: {
       if (b.length < kKeyPositionLength) return Abort(" Bad key track position block length\n");
-      int32_t latitude = static_cast<int32_t>(ReadU32(b.data + 1));
-      int32_t longitude = static_cast<int32_t>(ReadU32(b.data + 5));
+      int32_t latitude = static_cast<int32_t>(ReadUnsignedLong(b.data + 1));
+      int32_t longitude = static_cast<int32_t>(ReadUnsignedLong(b.data + 5));
       if (latitude > kLatitudeLimit || latitude < -kLatitudeLimit) return Abort(" Latitude outside valid range\n");
       if (longitude > kLongitudeLimit || longitude < -kLongitudeLimit) {
         return Abort(" Longitude value outside valid range\n");
       }
       t->latitude = latitude;
       t->longitude = longitude;
-      t->gnssAltitude = ReadS16(b.data + 9);
-      t->pressure = ReadS16(b.data + 11);
-      t->time = ReadU32(b.data + 13);
+      t->gnssAltitude = ReadSignedShort(b.data + 9);
+      t->pressure = ReadSignedShort(b.data + 11);
+      t->time = ReadUnsignedLong(b.data + 13);
       t->keySeen = true;
       OldStep step = SaveAndCount(t, progress);
       return step.result < 0 ? step : Accept();
@@ -599,9 +547,31 @@ bool DecodeHemisphere(const char* field, const char* positive, const char* negat
   return std::strcmp(field, positive) == 0;
 }
 
-int32_t WaypointError(const char* message) {
+// Prints `message` and fails.
+int32_t Fail(const char* message) {
   std::printf("%s", message);
   return -1;
+}
+
+// Splits the received sentence into at most `maximum` fields: their count,
+// or -1 after saying why it is refused (`lead` goes before the message: a
+// blank while a transfer counts on the same line).
+int ParseSentence(FlymasterTransfer* t, int32_t* offsets, int maximum, int minimum, const char* word,
+                  const char* lead) {
+  int fields = ParseNmeaString(t->sentence, offsets, maximum);
+  if (fields < 0) {
+    std::printf("%sNMEA parse error %d\n", lead, -fields);
+    return -1;
+  }
+  if (fields < minimum) {
+    std::printf("%sToo few NMEA parameters\n", lead);
+    return -1;
+  }
+  if (std::strcmp(t->sentence, word) != 0) {
+    std::printf("%sBad NMEA identifier\n", lead);
+    return -1;
+  }
+  return fields;
 }
 
 }  // namespace
@@ -637,20 +607,8 @@ int32_t TakeSentenceByte(FlymasterTransfer* t, uint8_t b) {
 
 int32_t StoreProductSentence(FlymasterTransfer* t) {
   int32_t offsets[10];
-  int fields = ParseNmeaString(t->sentence, offsets, 10);
-  if (fields < 0) {
-    std::printf("NMEA parse error %d\n", -fields);
-    return -1;
-  }
-  if (fields < 5) {
-    std::printf("Too few NMEA parameters\n");
-    return -1;
-  }
+  if (ParseSentence(t, offsets, 10, 5, NewModel() ? "$PFMSNP" : "$PBRSNP", "") < 0) return -1;
   const char* s = t->sentence;
-  if (std::strcmp(s, NewModel() ? "$PFMSNP" : "$PBRSNP") != 0) {
-    std::printf("Bad NMEA identifier\n");
-    return -1;
-  }
   CopyText(t->name, sizeof t->name - 1, s + offsets[1]);
   CopyText(t->pilot, sizeof t->pilot - 1, s + offsets[2]);
   CopyText(t->serial, sizeof t->serial - 1, s + offsets[3]);
@@ -682,30 +640,20 @@ int32_t ReadProductData(FlymasterTransfer* t) {
 
 int32_t StoreTrackListSentence(FlymasterTransfer* t) {
   int32_t offsets[10];
-  int fields = ParseNmeaString(t->sentence, offsets, 10);
-  auto fail = [](const char* message) {
-    std::printf("%s", message);
-    return -1;
-  };
-  if (fields < 0) {
-    std::printf("NMEA parse error %d\n", -fields);
-    return -1;
-  }
-  if (fields < 6) return fail("Too few NMEA parameters\n");
+  if (ParseSentence(t, offsets, 10, 6, "$PFMLST", "") < 0) return -1;
   const char* s = t->sentence;
-  if (std::strcmp(s, "$PFMLST") != 0) return fail("Bad NMEA identifier\n");
   uint32_t count = 0, index = 0, year = 0, month = 0, day = 0, hour = 0, minute = 0, second = 0;
   uint32_t hours = 0, minutes = 0, seconds = 0;
-  if (DecodeUintString(s + offsets[1], &count) < 0) return fail("Bad track count parameter\n");
-  if (DecodeUintString(s + offsets[2], &index) < 0) return fail("Bad track index parameter\n");
-  if (DecodeDateString2(s + offsets[3], &year, &month, &day) < 0) return fail("Bad track date parameter\n");
+  if (DecodeUintString(s + offsets[1], &count) < 0) return Fail("Bad track count parameter\n");
+  if (DecodeUintString(s + offsets[2], &index) < 0) return Fail("Bad track index parameter\n");
+  if (DecodeDateString2(s + offsets[3], &year, &month, &day) < 0) return Fail("Bad track date parameter\n");
   if (DecodeTimeString(s + offsets[4], &hour, &minute, &second, ':') < 0) {
-    return fail("Bad track time parameter\n");
+    return Fail("Bad track time parameter\n");
   }
-  if (index >= static_cast<uint32_t>(kTrackSlots)) return fail("Track index outside allocated range (100)\n");
-  if (index > count) return fail("Track index greater than track count\n");
+  if (index >= static_cast<uint32_t>(kTrackSlots)) return Fail("Track index outside allocated range (100)\n");
+  if (index > count) return Fail("Track index greater than track count\n");
   if (DecodeTimeString(s + offsets[5], &hours, &minutes, &seconds, ':') < 0) {
-    return fail("Bad track duration parameter\n");
+    return Fail("Bad track duration parameter\n");
   }
   if (t->trackCount < kTrackSlots) {
     SystemTime start{year + 2000, month, day, hour, minute, second};
@@ -729,26 +677,7 @@ int32_t SelectTrack(FlymasterTransfer* t) {
     std::printf("%2d   %02u.%02u.%02u   %02u:%02u:%02u   %02u:%02u:%02u\n", i + 1, st.wDay, st.wMonth,
                 st.wYear % 100, st.wHour, st.wMinute, st.wSecond, d / 3600, d / 60 % 60, d % 60);
   }
-  int32_t number = tGps.nFlightNumber;
-  if (number < 0) {
-    std::printf("Select: ");
-    std::fflush(stdout);
-    char line[kSelectLineSize] = "";
-    GetUserInput(line, sizeof line);
-    char* end = nullptr;
-    long typed = std::strtol(line, &end, 10);
-    if (end == line) {
-      std::printf("No flight number found\n");
-      return -1;
-    }
-    // Anything past the list is out of range, however far.
-    number = typed < 0 || typed > kTrackSlots ? 0 : static_cast<int32_t>(typed);
-  }
-  if (number == 0 || number > t->trackCount) {
-    std::printf("Flight number out of range\n");
-    return -1;
-  }
-  return number;
+  return ChooseFlightNumber(t->trackCount, kSelectLineSize);
 }
 
 int32_t ReadTrackList(FlymasterTransfer* t) {
@@ -767,14 +696,12 @@ int32_t ReadTrackList(FlymasterTransfer* t) {
 }
 
 void FormatTrackCommand(uint32_t start, const char* mode, char* out) {
-  constexpr size_t kSize = 48;
   SystemTime st;
   ConvertGpsTimeToSystemTime(start, &st);
-  int n = std::snprintf(out, kSize, "$PFMDNL,%02u%02u%02u%02u%02u%02u,%.4s", (st.wYear - 2000u) % 100u, st.wMonth,
-                        st.wDay, st.wHour, st.wMinute, st.wSecond, mode);
-  uint8_t x = 0;
-  for (int i = 1; i < n; ++i) x ^= static_cast<uint8_t>(out[i]);
-  std::snprintf(out + n, kSize - static_cast<size_t>(n), "*%02x\r\n", x);
+  char body[48];
+  std::snprintf(body, sizeof body, "PFMDNL,%02u%02u%02u%02u%02u%02u,%.4s", (st.wYear - 2000u) % 100u, st.wMonth,
+                st.wDay, st.wHour, st.wMinute, st.wSecond, mode);
+  FormatNmeaSentence(out, 48, body, true);
 }
 
 TrackReader ChooseTrackReader(const FlymasterTransfer* t) {
@@ -822,7 +749,7 @@ int32_t ConvertDump2xx(const uint8_t* dump, int32_t length, const char* serial, 
   const uint8_t* trailer = dump + blockBytes;
   uint32_t serialNumber = 0;
   DecodeUintString(serial, &serialNumber);
-  Walk2xx walk(serialNumber, ReadU16(trailer + 8));
+  Walk2xx walk(serialNumber, ReadUnsignedShort(trailer + 8));
   bool ok = walk.Start();
   for (int32_t b = 0; ok && b < blocks; ++b) ok = walk.Block(dump + b * kBlockSize, b == 0);
   if (!ok || !walk.Finish(trailer + 10)) {
@@ -884,7 +811,7 @@ int32_t ReadTrackLog2xx(FlymasterTransfer* t, int32_t trackNumber) {
   tGps.nRawLogLength = igcLength;
   tGps.nRawLogSize = igcLength + 1;
   tGps.dwFirstPointTime = tGps.pTrackPoints[0].dwTime;
-  SetTrackFlags(downloadTime);
+  SetLogFlags(1, 1, 1, downloadTime);
   return 0;
 }
 
@@ -902,15 +829,15 @@ int32_t DecodeDumpNew(const uint8_t* dump, int32_t length, uint32_t downloadTime
   std::strcpy(takeoff.shortName, "TAKEOF");
   std::strcpy(takeoff.longName, "TAKEOFF");
   takeoff.time = downloadTime;
-  TrackPoint* items = static_cast<TrackPoint*>(std::malloc(sizeof(TrackPoint) * kNewInitialPoints));
-  int32_t count = 0, capacity = kNewInitialPoints;
+  // The points gather apart: the track log stays as it was unless a fix came.
+  TrackPoint* items = nullptr;
+  int32_t count = 0, capacity = 0;
   auto fail = [&items] {
     std::free(items);
     std::printf("Memory allocation error\n");
     return -1;
   };
-
-  if (items == nullptr || !AppendTaskPoint(tasks, takeoff)) return fail();
+  if (GrowArray(&items, &capacity, count, kNewInitialPoints) < 0 || !AppendTaskPoint(tasks, takeoff)) return fail();
 
   int32_t latitude = 0, longitude = 0;
   int16_t gnssAltitude = 0;
@@ -924,24 +851,24 @@ int32_t DecodeDumpNew(const uint8_t* dump, int32_t length, uint32_t downloadTime
     while (pos < kBlockSize) {
       const uint8_t* r = block + pos;
       int32_t recordLength = r[0] & 31;
-      if (recordLength == 0 || recordLength == 31 || pos + recordLength > kBlockSize) break;
+      if (recordLength == 0 || recordLength == kEndOfRecords || pos + recordLength > kBlockSize) break;
       pos += recordLength;
-      if ((r[0] & 96) != 0) continue;
-      if (recordLength == 19) {
+      if ((r[0] & kNotAFixBits) != 0) continue;
+      if (recordLength == kFullFixLength) {
         latitude = GetLocation(r + 2);
         longitude = GetLocation(r + 6);
-        gnssAltitude = ReadS16(r + 10);
-        pressure = ReadU16(r + 12);
-        time = ReadU32(r + 14);
+        gnssAltitude = ReadSignedShort(r + 10);
+        pressure = ReadUnsignedShort(r + 12);
+        time = ReadUnsignedLong(r + 14);
         fullSeen = true;
-      } else if (recordLength == 8 && fullSeen) {
+      } else if (recordLength == kDeltaFixLength && fullSeen) {
         latitude += ReadS8(r[1]);
         longitude += ReadS8(r[2]);
         gnssAltitude = static_cast<int16_t>(gnssAltitude + ReadS8(r[3]));
         pressure = static_cast<uint16_t>(pressure + ReadS8(r[4]));
         time += r[5];
       } else {
-        if (recordLength == 30 && !StoreTaskPoint(tasks, r, downloadTime)) return fail();
+        if (recordLength == kTaskPointLength && !StoreTaskPoint(tasks, r, downloadTime)) return fail();
         continue;
       }
       TrackPoint p{};
@@ -951,7 +878,8 @@ int32_t DecodeDumpNew(const uint8_t* dump, int32_t length, uint32_t downloadTime
       p.lLongitude = QuirkLongitudeToArc(longitude, true);
       p.lGpsAltitude = gnssAltitude * 10;
       p.lPressureAltitude = OldPressureAltitude(pressure);
-      if (!AppendPoint(&items, &count, &capacity, p)) return fail();
+      if (GrowArray(&items, &capacity, count, kNewInitialPoints) < 0) return fail();
+      items[count++] = p;
     }
   }
   if (count == 0) {
@@ -962,7 +890,7 @@ int32_t DecodeDumpNew(const uint8_t* dump, int32_t length, uint32_t downloadTime
   tGps.pTrackPoints = items;
   tGps.nTrackCapacity = capacity;
   tGps.nTrackPoints = count;
-  SetTrackFlags(downloadTime);
+  SetLogFlags(1, 1, 1, downloadTime);
   return 0;
 }
 
@@ -1030,7 +958,7 @@ int32_t SavePos(FlymasterTransfer* t) {
   p.lLongitude = static_cast<int32_t>(0u - static_cast<uint32_t>(RoundHalfAway(t->longitude * kMin1000ToArc)));
   p.lGpsAltitude = t->gnssAltitude * 10;
   p.lPressureAltitude = OldPressureAltitude(t->pressure);
-  return AppendPoint(&tGps.pTrackPoints, &tGps.nTrackPoints, &tGps.nTrackCapacity, p) ? 0 : -1;
+  return AppendPoint(p, kOldInitialPoints) ? 0 : -1;
 }
 
 OldStep TakeOldByte(FlymasterTransfer* t, uint8_t byte, ProgressCounter* progress) {
@@ -1045,13 +973,13 @@ OldStep FinishOldTransfer(FlymasterTransfer* t, ProgressCounter* progress) {
   if (!t->infoSeen) return Abort(" Missing flight info block\n");
   if (progress != nullptr) progress->Finish(tGps.nTrackPoints);
   if (tGps.nTrackPoints == 0) return OldStep{-1, 0, nullptr};
-  SetTrackFlags(GetCurrentGpsTime());
+  SetLogFlags(1, 1, 1, GetCurrentGpsTime());
   return OldStep{0, 0, nullptr};
 }
 
 int32_t ReadTrackLogOld(FlymasterTransfer* t, int32_t trackNumber) {
   if (!ValidTrackNumber(t, trackNumber)) return -1;
-  if (!AllocateTrack(kOldInitialPoints)) {
+  if (StartTrackLog(kOldInitialPoints) < 0) {
     std::printf("Memory allocation error\n");
     return -1;
   }
@@ -1080,29 +1008,24 @@ int32_t ReadTrackLogOld(FlymasterTransfer* t, int32_t trackNumber) {
 
 int32_t StoreWaypointSentence(FlymasterTransfer* t, uint32_t downloadTime) {
   int32_t offsets[8];
-  int fields = ParseNmeaString(t->sentence, offsets, 8);
-  if (fields < 0) {
-    std::printf(" NMEA parse error %d\n", -fields);
-    return -1;
-  }
-  if (fields < 7) return WaypointError(" Too few NMEA parameters\n");
+  int fields = ParseSentence(t, offsets, 8, 7, "$PFMWPL", " ");
+  if (fields < 0) return -1;
   const char* s = t->sentence;
-  if (std::strcmp(s, "$PFMWPL") != 0) return WaypointError(" Bad NMEA identifier\n");
   double latitude = 0, longitude = 0, height = 0;
   if (DecodeDecimalString(s + offsets[1], &latitude) < 0 || !DecodeHemisphere(s + offsets[2], "N", "S", &latitude)) {
-    return WaypointError(" Bad latitude data\n");
+    return Fail(" Bad latitude data\n");
   }
   if (DecodeDecimalString(s + offsets[3], &longitude) < 0 ||
       !DecodeHemisphere(s + offsets[4], "E", "W", &longitude)) {
-    return WaypointError(" Bad longitude data\n");
+    return Fail(" Bad longitude data\n");
   }
-  if (DecodeDecimalString(s + offsets[5], &height) < 0) return WaypointError(" Bad height data\n");
+  if (DecodeDecimalString(s + offsets[5], &height) < 0) return Fail(" Bad height data\n");
   char name[kSentenceLimit + 1];
   CopyText(name, kSentenceLimit, s + offsets[6]);
-  if (CompressString(name) == 0) return WaypointError(" Bad ID or name\n");
+  if (CompressString(name) == 0) return Fail(" Bad ID or name\n");
 
   Waypoint w{};
-  ConvertGeoToArcPos(latitude * kDegreeToRadians, longitude * kDegreeToRadians, &w.lLatitude, &w.lLongitude);
+  ConvertGeoToArcPos(latitude * kDegreesToRadians, longitude * kDegreesToRadians, &w.lLatitude, &w.lLongitude);
   w.lAltitude = TruncateToInt(height + 0.5);
   w.dwTime = downloadTime;
   for (int i = 0; i < 6 && name[i] != '\0' && name[i] != ' '; ++i) w.szId[i] = ToUpper(name[i]);
@@ -1142,20 +1065,17 @@ void NormaliseName(const char* name, char* out) {
 }
 
 int FormatWaypointSentence(const Waypoint& waypoint, bool withMarker, char* out) {
-  constexpr size_t kSize = 80;
   double latitude = 0, longitude = 0;
   ConvertArcToGeoPos(waypoint.lLatitude, waypoint.lLongitude, &latitude, &longitude);
-  auto thousandths = [](double angle) { return TruncateToInt(std::fabs(angle) * kRadiansToThousandths + 0.5); };
+  auto thousandths = [](double angle) { return TruncateToInt(std::fabs(angle) * kRadiansToMin1000 + 0.5); };
   int32_t lat = thousandths(latitude);
   int32_t lon = thousandths(longitude);
   int32_t altitude = waypoint.lAltitude < 0 ? 0 : waypoint.lAltitude > 9999 ? 9999 : waypoint.lAltitude;
-  int n = std::snprintf(out, kSize, "$PFMWPR,%04d.%03d,%c,%05d.%03d,%c,,%-16.16s,%04d%s",
-                        lat / 60000 * 100 + lat / 1000 % 60, lat % 1000, latitude < 0 ? 'S' : 'N',
-                        lon / 60000 * 100 + lon / 1000 % 60, lon % 1000, longitude < 0 ? 'W' : 'E',
-                        waypoint.szComment, altitude, withMarker ? ",1" : "");
-  uint8_t x = 0;
-  for (int i = 1; i < n; ++i) x ^= static_cast<uint8_t>(out[i]);
-  return n + std::snprintf(out + n, kSize - static_cast<size_t>(n), "*%02X\r\n", x);
+  char body[80];
+  std::snprintf(body, sizeof body, "PFMWPR,%04d.%03d,%c,%05d.%03d,%c,,%-16.16s,%04d%s", lat / 60000 * 100 + lat / 1000 % 60,
+                lat % 1000, latitude < 0 ? 'S' : 'N', lon / 60000 * 100 + lon / 1000 % 60, lon % 1000,
+                longitude < 0 ? 'W' : 'E', waypoint.szComment, altitude, withMarker ? ",1" : "");
+  return FormatNmeaSentence(out, 80, body);
 }
 
 int32_t JudgeWaypointResponse(FlymasterTransfer* t, const char* sentName) {
@@ -1220,24 +1140,10 @@ int32_t WriteWaypoints(FlymasterTransfer* t) {
 
 using flymaster::FlymasterTransfer;
 
-namespace {
-
-template <typename Stage>
-int32_t RunFlymasterCommand(uint32_t pause, Stage stage) {
-  FlymasterTransfer transfer;
-  flymaster::ResetTransfer(&transfer);
-  if (OpenComPort() < 0) return -1;
-  if (pause > 0) PauseLink(pause);
-  int32_t result = flymaster::ReadProductData(&transfer);
-  if (result == 0) result = stage(&transfer);
-  CloseComPort();
-  return result;
-}
-
-}  // namespace
-
 int32_t DownloadFlymasterTrackLog() {
-  return RunFlymasterCommand(flymaster::kBeforeProductSleep, [](FlymasterTransfer* t) {
+  // A single download gives the instrument a moment before it is asked.
+  PauseLink(flymaster::kBeforeProductSleep);
+  return RunIdentified<FlymasterTransfer>([](FlymasterTransfer* t) {
     int32_t track = flymaster::ReadTrackList(t);
     return track > 0 ? flymaster::ChooseTrackReader(t)(t, track) : track;
   });
@@ -1246,21 +1152,21 @@ int32_t DownloadFlymasterTrackLog() {
 // The list answers 0 in bulk mode, so the loop never starts: a bulk download
 // identifies the instrument, reads the list and fetches nothing, as it
 // always did.
-int32_t DownloadFlymasterBulkTrackLog() {
-  return RunFlymasterCommand(0, [](FlymasterTransfer* t) {
+int32_t DownloadFlymasterBulkTrackLog(TrackSaver save) {
+  return RunIdentified<FlymasterTransfer>([save](FlymasterTransfer* t) {
     int32_t result = flymaster::ReadTrackList(t);
     if (result <= 0) return result;
     flymaster::TrackReader reader = flymaster::ChooseTrackReader(t);
     for (int32_t track = 1; track <= t->trackCount; ++track) {
       result = reader(t, track);
       if (result < 0) break;
-      SaveTracklog();
+      save();
       ReleaseTrackLog();
     }
     return result;
   });
 }
 
-int32_t DownloadFlymasterWaypoints() { return RunFlymasterCommand(0, flymaster::ReadWaypoints); }
+int32_t DownloadFlymasterWaypoints() { return RunIdentified<FlymasterTransfer>(flymaster::ReadWaypoints); }
 
-int32_t UploadFlymasterWaypoints() { return RunFlymasterCommand(0, flymaster::WriteWaypoints); }
+int32_t UploadFlymasterWaypoints() { return RunIdentified<FlymasterTransfer>(flymaster::WriteWaypoints); }

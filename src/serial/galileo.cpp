@@ -1,19 +1,17 @@
 #include "serial/galileo.h"
 
-#include <unistd.h>
-
-#include <cerrno>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
+#include "core/console.h"
 #include "core/run.h"
 #include "geo/conv.h"
 #include "geo/time.h"
 #include "link/com.h"
+#include "link/receive.h"
 #include "link/string.h"
-#include "output/file.h"
 
 namespace galileo {
 namespace {
@@ -43,11 +41,6 @@ constexpr int32_t kProductSize = 81;
 constexpr int32_t kPilotNameLimit = 50;
 constexpr int kSelectLineSize = 101;
 
-constexpr double kDegreeToRadians = 0.01745329251994;
-constexpr double kMinuteToRadians = 0.0002908882086657;
-constexpr double kThousandthToRadians = 2.908882086657e-7;
-constexpr double kRadiansToThousandths = 3437746.770785;
-
 constexpr uint32_t kAfterProductSleep = 1000000;
 constexpr uint32_t kUploadSpacing = 300000;
 
@@ -71,25 +64,11 @@ char ToUpper(char c) { return c >= 'a' && c <= 'z' ? static_cast<char>(c - 'a' +
 
 bool BulkMode() { return tGps.dwCommand == kCommandDownloadAllTracks; }
 
-// Polls the FIFO, drops XON and XOFF, and hands every other byte to `take`
-// until the line has been silent for more than `silence` microseconds or
-// `take` answers something else than 1. Returns that answer, or 1 after
-// the silence.
+// The family's receive loop: XON and XOFF are flow control, never data,
+// though they too keep the line from counting as silent.
 template <typename Take>
-int32_t ReceiveUntilSilent(int64_t silence, Take take) {
-  uint64_t last = GetWallClockMicroseconds();
-  for (;;) {
-    while (NonEmptyComFifoWithSleep(10)) {
-      uint8_t byte = ReadComFifo();
-      last = GetWallClockMicroseconds();
-      if (byte == kXon || byte == kXoff) continue;
-      int32_t result = take(byte);
-      if (result != 1) return result;
-    }
-    uint64_t now = GetWallClockMicroseconds();
-    if (now < last) last = now;  // the clock was set back: start the silence again
-    if (static_cast<int64_t>(now - last) > silence) return 1;
-  }
+int32_t Receive(int64_t silence, Take take) {
+  return ReceiveUntilSilent(silence, [&take](uint8_t byte) { return byte == kXon || byte == kXoff ? 1 : take(byte); });
 }
 
 void Append(char* text, int32_t* length, int32_t limit, char c) {
@@ -157,36 +136,36 @@ bool ColumnInt(const char* line, int position, int width, int32_t* value) {
 // is the one reported.
 int32_t DecodeFix(GalileoTransfer* t) {
   const char* s = t->sentence;
-  if (t->index < 35) return -24;
+  if (t->index < 35) return kFixTooShort;
   int32_t gnssAltitude = 0, pressureAltitude = 0;
-  if (!ColumnInt(s, 31, 5, &gnssAltitude)) return -7;
-  if (!ColumnInt(s, 26, 5, &pressureAltitude)) return -7;
-  if (s[23] != 'E' && s[23] != 'W') return -12;
+  if (!ColumnInt(s, 31, 5, &gnssAltitude)) return kBadAltitudeField;
+  if (!ColumnInt(s, 26, 5, &pressureAltitude)) return kBadAltitudeField;
+  if (s[23] != 'E' && s[23] != 'W') return kBadEastWest;
   bool west = s[23] == 'W';
   uint32_t lonThousandths = 0, lonMinutes = 0, lonDegrees = 0;
-  if (!ColumnUint(s, 21, 3, &lonThousandths)) return -8;
-  if (!ColumnUint(s, 19, 2, &lonMinutes)) return -9;
-  if (!ColumnUint(s, 16, 3, &lonDegrees)) return -10;
-  if (lonDegrees >= 180) return -11;
-  if (s[14] != 'N' && s[14] != 'S') return -17;
+  if (!ColumnUint(s, 21, 3, &lonThousandths)) return kBadLongitudeThousandths;
+  if (!ColumnUint(s, 19, 2, &lonMinutes)) return kBadLongitudeMinutes;
+  if (!ColumnUint(s, 16, 3, &lonDegrees)) return kBadLongitudeDegrees;
+  if (lonDegrees >= 180) return kLongitudeDegreesRange;
+  if (s[14] != 'N' && s[14] != 'S') return kBadNorthSouth;
   bool south = s[14] == 'S';
   uint32_t latThousandths = 0, latMinutes = 0, latDegrees = 0;
-  if (!ColumnUint(s, 12, 3, &latThousandths)) return -13;
-  if (!ColumnUint(s, 10, 2, &latMinutes)) return -14;
-  if (!ColumnUint(s, 8, 2, &latDegrees)) return -15;
-  if (latDegrees >= 90) return -16;
+  if (!ColumnUint(s, 12, 3, &latThousandths)) return kBadLatitudeThousandths;
+  if (!ColumnUint(s, 10, 2, &latMinutes)) return kBadLatitudeMinutes;
+  if (!ColumnUint(s, 8, 2, &latDegrees)) return kBadLatitudeDegrees;
+  if (latDegrees >= 90) return kLatitudeDegreesRange;
   uint32_t hours = 0, minutes = 0, seconds = 0;
-  if (!ColumnUint(s, 6, 2, &seconds)) return -18;
-  if (seconds >= 60) return -19;
-  if (!ColumnUint(s, 4, 2, &minutes)) return -20;
-  if (minutes >= 60) return -21;
-  if (!ColumnUint(s, 2, 2, &hours)) return -22;
-  if (hours >= 24) return -23;
+  if (!ColumnUint(s, 6, 2, &seconds)) return kBadSeconds;
+  if (seconds >= 60) return kSecondsRange;
+  if (!ColumnUint(s, 4, 2, &minutes)) return kBadMinutes;
+  if (minutes >= 60) return kMinutesRange;
+  if (!ColumnUint(s, 2, 2, &hours)) return kBadHours;
+  if (hours >= 24) return kHoursRange;
 
   double latitude =
-      latDegrees * kDegreeToRadians + latMinutes * kMinuteToRadians + latThousandths * kThousandthToRadians;
+      latDegrees * kDegreesToRadians + latMinutes * kMinutesToRadians + latThousandths * kMin1000ToRadians;
   double longitude =
-      lonDegrees * kDegreeToRadians + lonMinutes * kMinuteToRadians + lonThousandths * kThousandthToRadians;
+      lonDegrees * kDegreesToRadians + lonMinutes * kMinutesToRadians + lonThousandths * kMin1000ToRadians;
   if (south) latitude = -latitude;
   if (west) longitude = -longitude;
 
@@ -197,7 +176,7 @@ int32_t DecodeFix(GalileoTransfer* t) {
 
   uint32_t secondOfDay = hours * 3600 + minutes * 60 + seconds;
   if (tGps.nTrackPoints == 0) {
-    if (t->flightDate == 0) return -25;
+    if (t->flightDate == 0) return kFixBeforeDate;
     tGps.dwFirstPointTime = t->flightDate + secondOfDay;
     t->dayOffset = 0;
     point.dwFlags = kTrackPointNewSegment;
@@ -207,7 +186,7 @@ int32_t DecodeFix(GalileoTransfer* t) {
   }
   point.dwTime = t->flightDate + t->dayOffset + secondOfDay;
   t->lastSecondOfDay = secondOfDay;
-  if (AppendTrackPoint(point) < 0) return -6;
+  if (AppendTrackPoint(point) < 0) return kNoRoomForPoint;
   return 0;
 }
 
@@ -215,11 +194,11 @@ int32_t DecodeFix(GalileoTransfer* t) {
 int32_t DecodeFlightDate(GalileoTransfer* t) {
   const char* s = t->sentence;
   uint32_t year = 0, month = 0, day = 0;
-  if (!ColumnUint(s, 10, 2, &year)) return -1;
-  if (!ColumnUint(s, 8, 2, &month)) return -2;
-  if (month == 0 || month > 12) return -3;
-  if (!ColumnUint(s, 6, 2, &day)) return -4;
-  if (day == 0 || day > 31) return -5;
+  if (!ColumnUint(s, 10, 2, &year)) return kBadDateYear;
+  if (!ColumnUint(s, 8, 2, &month)) return kBadDateMonth;
+  if (month == 0 || month > 12) return kDateMonthRange;
+  if (!ColumnUint(s, 6, 2, &day)) return kBadDateDay;
+  if (day == 0 || day > 31) return kDateDayRange;
   SystemTime date{year + 2000, month, day, 0, 0, 0};
   t->flightDate = ConvertSystemTimeToGpsTime(&date);
   return 0;
@@ -231,34 +210,6 @@ bool ListAvailable(const GalileoTransfer* t) {
     return m.after == nullptr || std::strcmp(t->firmware, m.after) > 0;
   }
   return false;
-}
-
-// A decimal number typed by the user; false when the line holds none.
-bool ParseTypedNumber(const char* line, int32_t* number) {
-  errno = 0;
-  char* end = nullptr;
-  long value = std::strtol(line, &end, 10);
-  if (end == line) return false;
-  if (errno == ERANGE || value > kListEntries) value = kListEntries;  // out of range either way
-  if (value < 0) value = 0;
-  *number = static_cast<int32_t>(value);
-  return true;
-}
-
-
-
-int32_t AllocateTrack() {
-  ReleaseTrackLog();
-  tGps.pbRawLog = static_cast<uint8_t*>(std::malloc(kRawLogInitialSize));
-  tGps.pTrackPoints = static_cast<TrackPoint*>(std::malloc(sizeof(TrackPoint) * kTrackInitialCapacity));
-  if (tGps.pbRawLog == nullptr || tGps.pTrackPoints == nullptr) {
-    ReleaseTrackLog();
-    std::printf("Memory allocation error\n");
-    return -1;
-  }
-  tGps.nRawLogSize = kRawLogInitialSize;
-  tGps.nTrackCapacity = kTrackInitialCapacity;
-  return 0;
 }
 
 // One byte of the flight's IGC text: kept raw, then assembled into lines.
@@ -292,38 +243,6 @@ int32_t TakeLogByte(GalileoTransfer* t, uint8_t b, ProgressCounter* progress) {
   return 1;
 }
 
-// DDMM or DDDMM digits with optional decimals of a minute.
-int32_t DecodeWptWholeMinutes(GalileoTransfer* t, uint8_t b, int32_t limit, double* angle, int32_t tooLarge,
-                              int32_t bad, uint32_t decimalState, uint32_t nextState) {
-  if (IsDigit(b)) {
-    if (t->number >= limit) return tooLarge;
-    t->number = t->number * 10 + (b - '0');
-    return 1;
-  }
-  if (b != ',' && b != '.') return bad;
-  *angle = (t->number / 100) * 60 + t->number % 100;
-  if (b == ',') {
-    *angle *= kMinuteToRadians;
-    t->state = nextState;
-  } else {
-    t->weight = 0.1;
-    t->state = decimalState;
-  }
-  return 1;
-}
-
-int32_t DecodeWptDecimals(GalileoTransfer* t, uint8_t b, double* angle, int32_t bad, uint32_t nextState) {
-  if (IsDigit(b)) {
-    *angle += (b - '0') * t->weight;
-    t->weight *= 0.1;
-    return 1;
-  }
-  if (b != ',') return bad;
-  *angle *= kMinuteToRadians;
-  t->state = nextState;
-  return 1;
-}
-
 int HexUpperValue(uint8_t b) {
   if (b >= '0' && b <= '9') return b - '0';
   if (b >= 'A' && b <= 'F') return b - 'A' + 10;
@@ -332,7 +251,7 @@ int HexUpperValue(uint8_t b) {
 
 void StartLongitude(GalileoTransfer* t) {
   t->number = 0;
-  t->state = 6;
+  t->state = kLongitude;
 }
 
 void StartIdentifier(GalileoTransfer* t) {
@@ -340,13 +259,83 @@ void StartIdentifier(GalileoTransfer* t) {
   t->id[0] = '\0';
   t->name[0] = '\0';
   t->altitude[0] = '\0';
-  t->state = 10;
+  t->state = kIdentifier;
 }
 
 void EndWaypointBody(GalileoTransfer* t) {
   t->bodyChecksum = static_cast<uint8_t>(t->checksum ^ '*');
   t->receivedChecksum = 0;
-  t->state = 13;
+  t->state = kChecksumHigh;
+}
+
+// The two angle fields of a waypoint sentence: DDMM (or DDDMM) digits with
+// optional decimals of a minute, a hemisphere letter or nothing, a comma.
+struct AngleField {
+  double GalileoTransfer::*angle;  // minutes while decoding, then radians
+  int32_t limit;                   // a digit once the number reached it is one too many
+  char positive, negative;         // hemisphere letters
+  uint32_t digits, decimals, hemisphere, after;  // its states
+  int32_t tooLarge, bad, badDecimals, badHemisphere, noComma;  // its format errors
+  void (*next)(GalileoTransfer*);  // starts the field that follows
+};
+
+constexpr AngleField kLatitudeField = {
+    &GalileoTransfer::latitude, 896,  'N', 'S', kLatitude, kLatitudeDecimals, kLatitudeHemisphere, kAfterLatitude,
+    kLatitudeTooLarge, kBadLatitude, kBadLatitudeDecimals, kBadLatitudeHemisphere, kNoCommaAfterLatitude,
+    StartLongitude};
+constexpr AngleField kLongitudeField = {
+    &GalileoTransfer::longitude, 1796, 'E', 'W', kLongitude, kLongitudeDecimals, kLongitudeHemisphere, kAfterLongitude,
+    kLongitudeTooLarge, kBadLongitude, kBadLongitudeDecimals, kBadLongitudeHemisphere, kNoCommaAfterLongitude,
+    StartIdentifier};
+
+int32_t DecodeAngleByte(GalileoTransfer* t, uint8_t b, const AngleField& f) {
+  double& angle = t->*f.angle;
+  if (t->state == f.digits) {
+    if (IsDigit(b)) {
+      if (t->number >= f.limit) return f.tooLarge;
+      t->number = t->number * 10 + (b - '0');
+      return 1;
+    }
+    if (b != ',' && b != '.') return f.bad;
+    angle = (t->number / 100) * 60 + t->number % 100;
+    if (b == '.') {
+      t->weight = 0.1;
+      t->state = f.decimals;
+      return 1;
+    }
+  } else if (t->state == f.decimals) {
+    if (IsDigit(b)) {
+      angle += (b - '0') * t->weight;
+      t->weight *= 0.1;
+      return 1;
+    }
+    if (b != ',') return f.badDecimals;
+  } else if (t->state == f.hemisphere) {
+    if (b == ',') {
+      f.next(t);
+    } else if (b == f.positive || b == f.negative) {
+      if (b == f.negative) angle = -angle;
+      t->state = f.after;
+    } else {
+      return f.badHemisphere;
+    }
+    return 1;
+  } else {
+    if (b != ',') return f.noComma;
+    f.next(t);
+    return 1;
+  }
+  angle *= kMinutesToRadians;
+  t->state = f.hemisphere;
+  return 1;
+}
+
+// Flushes the FIFO, resets the decoder and sends the stage's command.
+void StartStage(GalileoTransfer* t, const char* command) {
+  FlushComFifo();
+  t->state = kHunt;
+  t->index = 0;
+  WriteComString(command);
 }
 
 // The short identifier: up to the first blank, at most 6 characters, upper case.
@@ -380,7 +369,7 @@ void ResetTransfer(GalileoTransfer* transfer) { std::memset(transfer, 0, sizeof 
 
 void InitProductDecoder(GalileoTransfer* t) {
   if (t->byte != '$') {
-    t->state = 0;
+    t->state = kHunt;
     return;
   }
   t->checksum = 0;
@@ -392,16 +381,16 @@ void InitProductDecoder(GalileoTransfer* t) {
   t->serial[0] = '\0';
   t->firmware[0] = '\0';
   t->index = 1;
-  t->state = 1;
+  t->state = kHead;
 }
 
 int32_t DecodeProductData(GalileoTransfer* t) {
   uint8_t b = t->byte;
   switch (t->state) {
-    case 0:
+    case kHunt:
       InitProductDecoder(t);
       return 1;
-    case 1:
+    case kHead:
       t->checksum ^= b;
       if (b != static_cast<uint8_t>(kProductHead[t->index])) {
         InitProductDecoder(t);
@@ -410,83 +399,84 @@ int32_t DecodeProductData(GalileoTransfer* t) {
       if (++t->index == kProductHeadLength) {
         t->summaryLength = 0;
         t->index = 0;
-        t->state = 2;
+        t->state = kModel;
       }
       return 1;
-    case 2:  // model
+    case kModel:
       t->checksum ^= b;
-      if (IsLineEnd(b)) return -1;
+      if (IsLineEnd(b)) return kModelLineEnd;
       if (b == ',') {
         t->index = 0;
-        t->state = 3;
+        t->state = kPilot;
         return 1;
       }
-      if ((b == ' ' && t->index == 0) || t->index >= kTextLimit) return -2;
+      if ((b == ' ' && t->index == 0) || t->index >= kTextLimit) return kBadModel;
       b = static_cast<uint8_t>(ToUpper(static_cast<char>(b)));
       Append(t->model, &t->index, kTextLimit, static_cast<char>(b));
       Append(t->summary, &t->summaryLength, static_cast<int32_t>(sizeof t->summary) - 1, static_cast<char>(b));
       return 1;
-    case 3:  // pilot name
+    case kPilot:
       t->checksum ^= b;
-      if (IsLineEnd(b)) return -3;
+      if (IsLineEnd(b)) return kPilotLineEnd;
       if (b == ',') {
         AppendSummary(t, ", SN");
-        if (CompressString(t->pilot) == 0) return -4;
+        if (CompressString(t->pilot) == 0) return kBadPilot;
         t->index = 0;
-        t->state = 4;
+        t->state = kSerial;
         return 1;
       }
-      if (t->index >= kTextLimit) return -4;
+      if (t->index >= kTextLimit) return kBadPilot;
       Append(t->pilot, &t->index, kTextLimit, static_cast<char>(b));
       return 1;
-    case 4:  // serial number
+    case kSerial:
       t->checksum ^= b;
-      if (IsLineEnd(b)) return -5;
+      if (IsLineEnd(b)) return kSerialLineEnd;
       if (b == ',') {
         AppendSummary(t, ", SW");
         t->index = 0;
-        t->state = 5;
+        t->state = kFirmware;
         return 1;
       }
-      if ((b == ' ' && t->index == 0) || t->index >= kTextLimit) return -7;
+      if ((b == ' ' && t->index == 0) || t->index >= kTextLimit) return kBadSerial;
       Append(t->serial, &t->index, kTextLimit, static_cast<char>(b));
       Append(t->summary, &t->summaryLength, static_cast<int32_t>(sizeof t->summary) - 1, static_cast<char>(b));
       return 1;
-    case 5:  // firmware version
-      if (IsLineEnd(b)) return -8;
+    case kFirmware:
+      if (IsLineEnd(b)) return kFirmwareLineEnd;
       if (b == '*') {
         t->index = 0;
-        t->state = 6;
+        t->state = kProductChecksum;
         return 1;
       }
       t->checksum ^= b;
-      if ((b == ' ' && t->index == 0) || t->index >= kTextLimit) return -9;
+      if ((b == ' ' && t->index == 0) || t->index >= kTextLimit) return kBadFirmware;
       Append(t->firmware, &t->index, kTextLimit, static_cast<char>(b));
       Append(t->summary, &t->summaryLength, static_cast<int32_t>(sizeof t->summary) - 1, static_cast<char>(b));
       return 1;
-    case 6: {
+    case kProductChecksum: {
       bool complete = false;
-      int32_t result = DecodeChecksumTail(t, true, -10, -11, -12, -13, &complete);
-      if (complete) t->state = 0;
+      int32_t result = DecodeChecksumTail(t, true, kProductChecksumLineEnd, kProductChecksumDigit,
+                                          kProductNoCarriageReturn, kProductChecksumMismatch, &complete);
+      if (complete) t->state = kHunt;
       return result;
     }
     default:
-      return -14;
+      return kProductBadState;
   }
 }
 
 int32_t DecodeTrackListData(GalileoTransfer* t) {
   uint8_t b = t->byte;
   switch (t->state) {
-    case 0:
+    case kHunt:
       if (b == '$') {
         t->checksum = 0;
         t->receivedChecksum = 0;
         t->index = 1;
-        t->state = 1;
+        t->state = kHead;
       }
       return 1;
-    case 1:
+    case kHead:
       t->checksum ^= b;
       if (b != static_cast<uint8_t>(kListHead[t->index])) {
         if (b == '$') {
@@ -494,23 +484,23 @@ int32_t DecodeTrackListData(GalileoTransfer* t) {
           t->receivedChecksum = 0;
           t->index = 1;
         } else {
-          t->state = 0;
+          t->state = kHunt;
         }
         return 1;
       }
       if (++t->index == kListHeadLength) {
         t->number = 0;
-        t->state = 2;
+        t->state = kListCount;
       }
       return 1;
-    case 2:  // number of flights, not used
-    case 3:  // 0-based index of this flight
+    case kListCount:  // number of flights, not used
+    case kListIndex:  // 0-based index of this flight
       t->checksum ^= b;
-      if (IsLineEnd(b)) return t->state == 2 ? -1 : -3;
+      if (IsLineEnd(b)) return t->state == kListCount ? kCountLineEnd : kIndexLineEnd;
       if (b == ',') {
-        if (t->state == 2) {
+        if (t->state == kListCount) {
           t->number = 0;
-          t->state = 3;
+          t->state = kListIndex;
           return 1;
         }
         if (t->number >= kListEntries) t->number = kListEntries - 1;
@@ -528,27 +518,27 @@ int32_t DecodeTrackListData(GalileoTransfer* t) {
         e[3] = ' ';
         e[4] = '\0';
         t->entryLength = 4;
-        t->state = 4;
+        t->state = kListDate;
         return 1;
       }
-      if (!IsDigit(b)) return t->state == 2 ? -2 : -4;
+      if (!IsDigit(b)) return t->state == kListCount ? kBadCount : kBadIndex;
       // Saturating keeps the clamp to 99 without overflowing.
       if (t->number < 1000000) t->number = t->number * 10 + (b - '0');
       return 1;
-    case 4:  // date
-    case 5:  // time of day
-    case 6:  // duration
-      if (t->state == 6) {
-        if (IsLineEnd(b)) return -7;
+    case kListDate:
+    case kListTime:
+    case kListDuration:
+      if (t->state == kListDuration) {
+        if (IsLineEnd(b)) return kDurationLineEnd;
         if (b == '*') {
           t->index = 0;
-          t->state = 7;
+          t->state = kListChecksum;
           return 1;
         }
       }
       t->checksum ^= b;
-      if (IsLineEnd(b)) return t->state == 4 ? -5 : -6;
-      if (b == ',' && t->state != 6) {
+      if (IsLineEnd(b)) return t->state == kListDate ? kDateLineEnd : kTimeLineEnd;
+      if (b == ',' && t->state != kListDuration) {
         if (t->entryLength < 37) {
           for (int i = 0; i < 3; ++i) Append(t->list[t->entry], &t->entryLength, kListEntrySize - 1, ' ');
         }
@@ -557,15 +547,16 @@ int32_t DecodeTrackListData(GalileoTransfer* t) {
       }
       Append(t->list[t->entry], &t->entryLength, kListEntrySize - 1, static_cast<char>(b));
       return 1;
-    case 7: {
+    case kListChecksum: {
       bool complete = false;
-      int32_t result = DecodeChecksumTail(t, false, -8, -9, -10, -11, &complete);
+      int32_t result = DecodeChecksumTail(t, false, kListChecksumLineEnd, kListChecksumDigit, kListNoCarriageReturn,
+                                          kListChecksumMismatch, &complete);
       if (!complete) return result;
-      t->state = 0;
+      t->state = kHunt;
       return 1;
     }
     default:
-      return -12;
+      return kListBadState;
   }
 }
 
@@ -573,9 +564,9 @@ int32_t DecodeLogSentence(GalileoTransfer* t) {
   const char* s = t->sentence;
   switch (s[0]) {
     case 'A':
-      if (t->index < 7) return -28;
+      if (t->index < 7) return kARecordTooShort;
       for (int i = 1; i <= 6; ++i) {
-        if (!IsAlphanumeric(s[i])) return -29;
+        if (!IsAlphanumeric(s[i])) return kBadARecord;
       }
       std::memcpy(t->manufacturer, s + 1, 3);
       t->manufacturer[3] = '\0';
@@ -597,114 +588,88 @@ int32_t DecodeLogSentence(GalileoTransfer* t) {
 
 void InitDecodeWptByte(GalileoTransfer* t, uint8_t byte) {
   if (byte != '$') {
-    t->state = 0;
+    t->state = kHunt;
     return;
   }
   t->checksum = 0;
   t->index = 1;
-  t->state = 1;
+  t->state = kHead;
 }
 
 int32_t DecodeWptByte(GalileoTransfer* t, uint8_t b) {
   t->checksum ^= b;
   switch (t->state) {
-    case 0:
+    case kHunt:
       InitDecodeWptByte(t, b);
       return 1;
-    case 1:
+    case kHead:
       if (b != static_cast<uint8_t>(kWaypointHead[t->index])) {
         InitDecodeWptByte(t, b);
         return 1;
       }
       if (++t->index == kWaypointHeadLength) {
         t->number = 0;
-        t->state = 2;
+        t->state = kLatitude;
       }
       return 1;
-    case 2:
-      return DecodeWptWholeMinutes(t, b, 896, &t->latitude, -1, -2, 3, 4);
-    case 3:
-      return DecodeWptDecimals(t, b, &t->latitude, -3, 4);
-    case 4:
-      if (b == ',') {
-        StartLongitude(t);
-      } else if (b == 'N' || b == 'S') {
-        if (b == 'S') t->latitude = -t->latitude;
-        t->state = 5;
-      } else {
-        return -4;
-      }
-      return 1;
-    case 5:
-      if (b != ',') return -5;
-      StartLongitude(t);
-      return 1;
-    case 6:
-      return DecodeWptWholeMinutes(t, b, 1796, &t->longitude, -6, -7, 7, 8);
-    case 7:
-      return DecodeWptDecimals(t, b, &t->longitude, -8, 8);
-    case 8:
-      if (b == ',') {
-        StartIdentifier(t);
-      } else if (b == 'E' || b == 'W') {
-        if (b == 'W') t->longitude = -t->longitude;
-        t->state = 9;
-      } else {
-        return -9;
-      }
-      return 1;
-    case 9:
-      if (b != ',') return -10;
-      StartIdentifier(t);
-      return 1;
-    case 10:  // identifier
-      if (IsLineEnd(b)) return -11;
+    case kLatitude:
+    case kLatitudeDecimals:
+    case kLatitudeHemisphere:
+    case kAfterLatitude:
+      return DecodeAngleByte(t, b, kLatitudeField);
+    case kLongitude:
+    case kLongitudeDecimals:
+    case kLongitudeHemisphere:
+    case kAfterLongitude:
+      return DecodeAngleByte(t, b, kLongitudeField);
+    case kIdentifier:
+      if (IsLineEnd(b)) return kIdentifierLineEnd;
       if (b == '*') {
         EndWaypointBody(t);
       } else if (b == ',') {
         t->textLength = 0;
-        t->state = 11;
+        t->state = kName;
       } else {
-        if (t->textLength >= 6) return -12;
+        if (t->textLength >= 6) return kIdentifierTooLong;
         Append(t->id, &t->textLength, 6, static_cast<char>(b));
       }
       return 1;
-    case 11:  // name
-      if (IsLineEnd(b)) return -13;
+    case kName:
+      if (IsLineEnd(b)) return kNameLineEnd;
       if (b == ',') {
         t->textLength = 0;
         t->altitude[0] = '\0';
-        t->state = 12;
+        t->state = kAltitude;
         return 1;
       }
-      if (t->textLength >= 17) return -14;
+      if (t->textLength >= 17) return kNameTooLong;
       Append(t->name, &t->textLength, 17, static_cast<char>(b));
       return 1;
-    case 12:  // altitude: a sign or a digit, then digits
+    case kAltitude:  // a sign or a digit, then digits
       if (b == '*') {
         EndWaypointBody(t);
         return 1;
       }
-      if (t->textLength >= 5) return -16;
-      if (!IsDigit(b) && !(b == '-' && t->textLength == 0)) return -15;
+      if (t->textLength >= 5) return kAltitudeTooLong;
+      if (!IsDigit(b) && !(b == '-' && t->textLength == 0)) return kBadAltitude;
       Append(t->altitude, &t->textLength, 5, static_cast<char>(b));
       return 1;
-    case 13:
-    case 14: {
+    case kChecksumHigh:
+    case kChecksumLow: {
       int value = HexUpperValue(b);
-      if (value < 0) return t->state == 13 ? -17 : -18;
+      if (value < 0) return t->state == kChecksumHigh ? kWaypointChecksumHigh : kWaypointChecksumLow;
       t->receivedChecksum = static_cast<uint8_t>(t->receivedChecksum * 16 + value);
       ++t->state;
       return 1;
     }
-    case 15:
-      if (b != '\r') return -19;
-      t->state = 16;
+    case kCarriageReturn:
+      if (b != '\r') return kWaypointNoCarriageReturn;
+      t->state = kLineFeed;
       return 1;
-    case 16:
-      if (b != '\n') return -21;
-      if (t->receivedChecksum != t->bodyChecksum) return -20;
-      t->state = 0;
+    case kLineFeed:
+      if (b != '\n') return kWaypointNoLineFeed;
+      if (t->receivedChecksum != t->bodyChecksum) return kWaypointChecksumMismatch;
+      t->state = kHunt;
       return 0;
     default:
       return 1;
@@ -713,41 +678,31 @@ int32_t DecodeWptByte(GalileoTransfer* t, uint8_t b) {
 
 void FormatFlightCommand(int32_t flightNumber, char* out) {
   int32_t index = flightNumber - 1;
-  char tens = static_cast<char>('0' + index / 10);
-  char units = static_cast<char>('0' + index % 10);
-  char body[] = {'P', 'B', 'R', 'T', 'R', ',', tens, units};
-  uint8_t x = 0;
-  for (char c : body) x ^= static_cast<uint8_t>(c);
-  std::snprintf(out, 20, "\x11$PBRTR,%c%c*%02X\r\n", tens, units, x);
+  char body[16];
+  std::snprintf(body, sizeof body, "PBRTR,%c%c", static_cast<char>('0' + index / 10), static_cast<char>('0' + index % 10));
+  out[0] = static_cast<char>(kXon);
+  FormatNmeaSentence(out + 1, 19, body);
 }
 
 int FormatWaypointSentence(const Waypoint& waypoint, char* out) {
-  constexpr size_t kSize = 80;
   double latitude = 0, longitude = 0;
   ConvertArcToGeoPos(waypoint.lLatitude, waypoint.lLongitude, &latitude, &longitude);
-  auto thousandths = [](double angle) {
-    return static_cast<int32_t>(std::fabs(angle) * kRadiansToThousandths + 0.5);
-  };
+  auto thousandths = [](double angle) { return static_cast<int32_t>(std::fabs(angle) * kRadiansToMin1000 + 0.5); };
   int32_t lat = thousandths(latitude);
   int32_t lon = thousandths(longitude);
   int32_t altitude = waypoint.lAltitude < 0 ? 0 : waypoint.lAltitude > 9999 ? 9999 : waypoint.lAltitude;
-  int n = std::snprintf(out, kSize, "$PBRWPR,%04d.%03d,%c,%05d.%03d,%c,,%-17.17s,%04d",
-                        lat / 60000 * 100 + lat / 1000 % 60, lat % 1000, latitude < 0 ? 'S' : 'N',
-                        lon / 60000 * 100 + lon / 1000 % 60, lon % 1000, longitude < 0 ? 'W' : 'E',
-                        waypoint.szComment, altitude);
-  uint8_t x = 0;
-  for (int i = 1; i < n; ++i) x ^= static_cast<uint8_t>(out[i]);
-  return n + std::snprintf(out + n, kSize - static_cast<size_t>(n), "*%02X\r\n", x);
+  char body[80];
+  std::snprintf(body, sizeof body, "PBRWPR,%04d.%03d,%c,%05d.%03d,%c,,%-17.17s,%04d", lat / 60000 * 100 + lat / 1000 % 60,
+                lat % 1000, latitude < 0 ? 'S' : 'N', lon / 60000 * 100 + lon / 1000 % 60, lon % 1000,
+                longitude < 0 ? 'W' : 'E', waypoint.szComment, altitude);
+  return FormatNmeaSentence(out, 80, body);
 }
 
 int32_t ReadProductData(GalileoTransfer* t) {
-  FlushComFifo();
-  t->state = 0;
-  t->index = 0;
   std::printf("Product: ");
   std::fflush(stdout);
-  WriteComString(kProductCommand);
-  int32_t result = ReceiveUntilSilent(kProductSilence, [t](uint8_t b) {
+  StartStage(t, kProductCommand);
+  int32_t result = Receive(kProductSilence, [t](uint8_t b) {
     t->byte = b;
     return DecodeProductData(t);
   });
@@ -755,7 +710,7 @@ int32_t ReadProductData(GalileoTransfer* t) {
     std::printf("Timeout\n");
     return -1;
   }
-  if (result == -4) {
+  if (result == kBadPilot) {
     std::printf("Bad/missing user name\n");
     return -1;
   }
@@ -793,14 +748,7 @@ int32_t SelectFlight(GalileoTransfer* t) {
 
   int32_t number = tGps.nFlightNumber;
   if (number < 0) {
-    std::printf("Select: ");
-    std::fflush(stdout);
-    char line[kSelectLineSize] = "";
-    GetUserInput(line, sizeof line);
-    if (!ParseTypedNumber(line, &number)) {
-      std::printf("No flight number found\n");
-      return -1;
-    }
+    if (!AskFlightNumber(kSelectLineSize, &number)) return -1;
     // Typed numbers are checked against the list's size, not its count.
     if (number <= 0 || number >= kListEntries) {
       std::printf("Flight number out of range\n");
@@ -822,12 +770,9 @@ int32_t SelectFlight(GalileoTransfer* t) {
 int32_t ReadTrackList(GalileoTransfer* t) {
   if (!ListAvailable(t)) return 0;
   std::memset(t->list, 0, sizeof t->list);
-  FlushComFifo();
-  t->state = 0;
-  t->index = 0;
-  WriteComString(kListCommand);
+  StartStage(t, kListCommand);
   std::printf("Track list:\n");
-  int32_t result = ReceiveUntilSilent(kTransferSilence, [t](uint8_t b) {
+  int32_t result = Receive(kTransferSilence, [t](uint8_t b) {
     t->byte = b;
     return DecodeTrackListData(t);
   });
@@ -840,24 +785,19 @@ int32_t ReadTrackList(GalileoTransfer* t) {
 
 int32_t ReadTrackLog(GalileoTransfer* t, int32_t flightNumber) {
   if (BulkMode()) std::printf("Reading track %d\n", flightNumber);
-  if (AllocateTrack() < 0) return -1;
-  FlushComFifo();
-  t->state = 0;
-  t->index = 0;
-  if (flightNumber < 1) {
-    WriteComString(kNewestCommand);
-  } else {
-    char command[20];
-    FormatFlightCommand(flightNumber, command);
-    WriteComString(command);
+  if (StartTrackLog(kTrackInitialCapacity, kRawLogInitialSize) < 0) {
+    std::printf("Memory allocation error\n");
+    return -1;
   }
+  char command[20];
+  if (flightNumber >= 1) FormatFlightCommand(flightNumber, command);
+  StartStage(t, flightNumber < 1 ? kNewestCommand : command);
   ProgressCounter progress("Points: ", 0);
   t->flightDate = 0;
   t->gRecords = 0;
   t->loggerSerial[0] = '\0';
   t->manufacturer[0] = '\0';
-  int32_t result =
-      ReceiveUntilSilent(kTransferSilence, [t, &progress](uint8_t b) { return TakeLogByte(t, b, &progress); });
+  int32_t result = Receive(kTransferSilence, [t, &progress](uint8_t b) { return TakeLogByte(t, b, &progress); });
   if (result < 0) return -1;
   progress.Finish(tGps.nTrackPoints);
 
@@ -867,14 +807,11 @@ int32_t ReadTrackLog(GalileoTransfer* t, int32_t flightNumber) {
     return -1;
   }
   if (t->gRecords == 0) std::printf("No G-records found\n");
-  tGps.bSignature = t->gRecords > 0 ? 1 : 0;
-  tGps.bUtc = 1;
-  tGps.bPressureAltitude = 1;
-  tGps.dwDownloadTime = GetCurrentGpsTime();
+  SetLogFlags(1, t->gRecords > 0 ? 1 : 0, 1, GetCurrentGpsTime());
   return 0;
 }
 
-int32_t ReadAllTrackLogs(GalileoTransfer* t, int32_t (*save)()) {
+int32_t ReadAllTrackLogs(GalileoTransfer* t, TrackSaver save) {
   int32_t result = 0;
   for (int32_t i = 0; i < kListEntries; ++i) {
     if (t->list[i][0] == '\0') continue;
@@ -891,13 +828,10 @@ int32_t ReadWaypoints(GalileoTransfer* t) {
     std::printf("Memory allocation error\n");
     return -1;
   }
-  FlushComFifo();
-  t->state = 0;
-  t->index = 0;
-  WriteComString(kWaypointCommand);
+  StartStage(t, kWaypointCommand);
   ProgressCounter progress("Waypoints: ", 0);
   uint32_t now = GetCurrentGpsTime();
-  int32_t result = ReceiveUntilSilent(kTransferSilence, [t, &progress, now](uint8_t b) {
+  int32_t result = Receive(kTransferSilence, [t, &progress, now](uint8_t b) {
     int32_t decoded = DecodeWptByte(t, b);
     if (decoded < 0) {
       std::printf(" Format error %d\n", -decoded);
@@ -931,37 +865,20 @@ int32_t WriteWaypoints(GalileoTransfer*) {
 
 using galileo::GalileoTransfer;
 
-namespace {
-
-// Opens the port, identifies the instrument, runs `stage` and closes the
-// port whatever happened.
-template <typename Stage>
-int32_t RunGalileoCommand(Stage stage) {
-  GalileoTransfer transfer;
-  galileo::ResetTransfer(&transfer);
-  if (OpenComPort() < 0) return -1;
-  int32_t result = galileo::ReadProductData(&transfer);
-  if (result == 0) result = stage(&transfer);
-  CloseComPort();
-  return result;
-}
-
-}  // namespace
-
 int32_t DownloadGalileoTrackLog() {
-  return RunGalileoCommand([](GalileoTransfer* t) {
+  return RunIdentified<GalileoTransfer>([](GalileoTransfer* t) {
     int32_t flight = galileo::ReadTrackList(t);
     return flight < 0 ? flight : galileo::ReadTrackLog(t, flight);
   });
 }
 
-int32_t DownloadGalileoBulkTrackLog() {
-  return RunGalileoCommand([](GalileoTransfer* t) {
+int32_t DownloadGalileoBulkTrackLog(TrackSaver save) {
+  return RunIdentified<GalileoTransfer>([save](GalileoTransfer* t) {
     int32_t result = galileo::ReadTrackList(t);
-    return result == 0 ? galileo::ReadAllTrackLogs(t, SaveTracklog) : result;
+    return result == 0 ? galileo::ReadAllTrackLogs(t, save) : result;
   });
 }
 
-int32_t DownloadGalileoWaypoints() { return RunGalileoCommand(galileo::ReadWaypoints); }
+int32_t DownloadGalileoWaypoints() { return RunIdentified<GalileoTransfer>(galileo::ReadWaypoints); }
 
-int32_t UploadGalileoWaypoints() { return RunGalileoCommand(galileo::WriteWaypoints); }
+int32_t UploadGalileoWaypoints() { return RunIdentified<GalileoTransfer>(galileo::WriteWaypoints); }

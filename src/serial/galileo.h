@@ -3,14 +3,140 @@
 
 #include <cstdint>
 
+#include "core/run.h"
+
+// The commands, each on a port that the caller opened at the line speed.
 int32_t DownloadGalileoTrackLog();
-int32_t DownloadGalileoBulkTrackLog();
+int32_t DownloadGalileoBulkTrackLog(TrackSaver save);
 int32_t DownloadGalileoWaypoints();
 int32_t UploadGalileoWaypoints();
 
-struct Waypoint;
-
 namespace galileo {
+
+// Decoder states. The product and list decoders use the first ones, the
+// waypoint decoder all of them.
+enum DecoderState : uint32_t {
+  kHunt = 0,  // waiting for "$"
+  kHead = 1,  // matching the sentence head
+  // Product data: the four fields, then the checksum.
+  kModel = 2,
+  kPilot = 3,
+  kSerial = 4,
+  kFirmware = 5,
+  kProductChecksum = 6,
+  // Flight list: the five fields, then the checksum.
+  kListCount = 2,
+  kListIndex = 3,
+  kListDate = 4,
+  kListTime = 5,
+  kListDuration = 6,
+  kListChecksum = 7,
+  // Waypoints.
+  kLatitude = 2,
+  kLatitudeDecimals = 3,
+  kLatitudeHemisphere = 4,
+  kAfterLatitude = 5,
+  kLongitude = 6,
+  kLongitudeDecimals = 7,
+  kLongitudeHemisphere = 8,
+  kAfterLongitude = 9,
+  kIdentifier = 10,
+  kName = 11,
+  kAltitude = 12,
+  kChecksumHigh = 13,
+  kChecksumLow = 14,
+  kCarriageReturn = 15,
+  kLineFeed = 16,
+};
+
+// Format errors of the decoders; their numbers are what "Format error %d"
+// shows, so they never change.
+enum ProductError : int32_t {
+  kModelLineEnd = -1,
+  kBadModel = -2,
+  kPilotLineEnd = -3,
+  kBadPilot = -4,  // "Bad/missing user name"
+  kSerialLineEnd = -5,
+  kBadSerial = -7,
+  kFirmwareLineEnd = -8,
+  kBadFirmware = -9,
+  kProductChecksumLineEnd = -10,
+  kProductChecksumDigit = -11,
+  kProductNoCarriageReturn = -12,
+  kProductChecksumMismatch = -13,
+  kProductBadState = -14,
+};
+
+enum ListError : int32_t {
+  kCountLineEnd = -1,
+  kBadCount = -2,
+  kIndexLineEnd = -3,
+  kBadIndex = -4,
+  kDateLineEnd = -5,
+  kTimeLineEnd = -6,
+  kDurationLineEnd = -7,
+  kListChecksumLineEnd = -8,
+  kListChecksumDigit = -9,
+  kListNoCarriageReturn = -10,
+  kListChecksumMismatch = -11,
+  kListBadState = -12,
+};
+
+enum WaypointError : int32_t {
+  kLatitudeTooLarge = -1,
+  kBadLatitude = -2,
+  kBadLatitudeDecimals = -3,
+  kBadLatitudeHemisphere = -4,
+  kNoCommaAfterLatitude = -5,
+  kLongitudeTooLarge = -6,
+  kBadLongitude = -7,
+  kBadLongitudeDecimals = -8,
+  kBadLongitudeHemisphere = -9,
+  kNoCommaAfterLongitude = -10,
+  kIdentifierLineEnd = -11,
+  kIdentifierTooLong = -12,
+  kNameLineEnd = -13,
+  kNameTooLong = -14,
+  kBadAltitude = -15,
+  kAltitudeTooLong = -16,
+  kWaypointChecksumHigh = -17,
+  kWaypointChecksumLow = -18,
+  kWaypointNoCarriageReturn = -19,
+  kWaypointChecksumMismatch = -20,
+  kWaypointNoLineFeed = -21,
+};
+
+// Errors of the IGC lines of a flight, by field of the B record from its
+// right end; the date's come from the HFDTE line.
+enum LogError : int32_t {
+  kBadDateYear = -1,
+  kBadDateMonth = -2,
+  kDateMonthRange = -3,
+  kBadDateDay = -4,
+  kDateDayRange = -5,
+  kNoRoomForPoint = -6,
+  kBadAltitudeField = -7,
+  kBadLongitudeThousandths = -8,
+  kBadLongitudeMinutes = -9,
+  kBadLongitudeDegrees = -10,
+  kLongitudeDegreesRange = -11,
+  kBadEastWest = -12,
+  kBadLatitudeThousandths = -13,
+  kBadLatitudeMinutes = -14,
+  kBadLatitudeDegrees = -15,
+  kLatitudeDegreesRange = -16,
+  kBadNorthSouth = -17,
+  kBadSeconds = -18,
+  kSecondsRange = -19,
+  kBadMinutes = -20,
+  kMinutesRange = -21,
+  kBadHours = -22,
+  kHoursRange = -23,
+  kFixTooShort = -24,
+  kFixBeforeDate = -25,
+  kARecordTooShort = -28,
+  kBadARecord = -29,
+};
 
 constexpr int kTextSize = 81;          // model, pilot, serial, firmware: 80 + terminator
 constexpr int kLogSentenceSize = 102;  // an IGC line with its CR, without terminator
@@ -67,7 +193,7 @@ int32_t ReadTrackList(GalileoTransfer* transfer);
 int32_t SelectFlight(GalileoTransfer* transfer);
 int32_t ReadTrackLog(GalileoTransfer* transfer, int32_t flightNumber);
 // Every listed flight, each handed to `save` as it arrives.
-int32_t ReadAllTrackLogs(GalileoTransfer* transfer, int32_t (*save)());
+int32_t ReadAllTrackLogs(GalileoTransfer* transfer, TrackSaver save);
 int32_t ReadWaypoints(GalileoTransfer* transfer);
 int32_t WriteWaypoints(GalileoTransfer* transfer);
 

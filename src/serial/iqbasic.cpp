@@ -1,18 +1,17 @@
 #include "serial/iqbasic.h"
 
-#include <unistd.h>
-
-#include <cerrno>
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <string>
 
+#include "core/console.h"
 #include "core/run.h"
 #include "geo/time.h"
 #include "igc/igc.h"
 #include "link/com.h"
+#include "link/receive.h"
 #include "link/string.h"
 
 namespace iqbasic {
@@ -50,33 +49,7 @@ constexpr PAdataQuery kVersionQuery = {"RPA_02\r\n", "RPA_02_", "Bad/missing PAd
                                        "Bad PAdata response (software version)\n",
                                        "Bad PAdata response (software version format error)\n"};
 
-int HexValue(char c) {
-  if (c >= '0' && c <= '9') return c - '0';
-  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-  return -1;
-}
-
 bool IsDigit(char c) { return c >= '0' && c <= '9'; }
-
-// Polls the FIFO and hands every byte to `take` until the line has been
-// silent for more than `silence` microseconds or `take` answers something
-// else than 1. Returns that answer, or 1 after the silence.
-template <typename Take>
-int32_t ReceiveUntilSilent(int64_t silence, Take take) {
-  uint64_t last = GetWallClockMicroseconds();
-  for (;;) {
-    while (NonEmptyComFifoWithSleep(10)) {
-      uint8_t byte = ReadComFifo();
-      last = GetWallClockMicroseconds();
-      int32_t result = take(byte);
-      if (result != 1) return result;
-    }
-    uint64_t now = GetWallClockMicroseconds();
-    if (now < last) last = now;  // the clock was set back: start the silence again
-    if (static_cast<int64_t>(now - last) > silence) return 1;
-  }
-}
 
 int32_t QueryValue(const PAdataQuery& query, uint32_t* value) {
   char answer[kAnswerSize];
@@ -100,19 +73,6 @@ int32_t QueryValue(const PAdataQuery& query, uint32_t* value) {
 int32_t FirstFieldLength(const char* line) {
   const char* semicolon = std::strchr(line, ';');
   return semicolon != nullptr ? static_cast<int32_t>(semicolon - line) : static_cast<int32_t>(std::strlen(line));
-}
-
-// A decimal number typed by the user; false when the line holds none.
-// Values beyond the 32-bit range are clamped: out of range either way.
-bool ParseTypedNumber(const char* line, int32_t* number) {
-  errno = 0;
-  char* end = nullptr;
-  long value = std::strtol(line, &end, 10);
-  if (end == line) return false;
-  if (value > INT32_MAX) value = INT32_MAX;
-  if (value < INT32_MIN) value = INT32_MIN;
-  *number = static_cast<int32_t>(value);
-  return true;
 }
 
 }  // namespace
@@ -152,8 +112,8 @@ int32_t DecodePAdata(const char* text, uint32_t* value) {
   while (*text == ' ') ++text;
   uint32_t v = 0;
   for (int byte = 0; *text != '\0'; ++byte, text += 2) {
-    int high = HexValue(text[0]);
-    int low = high < 0 ? -1 : HexValue(text[1]);
+    int high = HexDigitValue(text[0]);
+    int low = high < 0 ? -1 : HexDigitValue(text[1]);
     if (low < 0) return -1;
     // Bytes beyond the fourth do not fit the value; they are checked, not kept.
     if (byte < 4) v |= static_cast<uint32_t>(high * 16 + low) << (8 * byte);
@@ -244,16 +204,7 @@ int32_t ReadTrackList(FlightList* list) {
     return -1;
   }
   if (tGps.nFlightNumber == 0) return -1;  // only the list was wanted
-  if (tGps.nFlightNumber < 0) {
-    std::printf("Select: ");
-    std::fflush(stdout);
-    char typed[kSelectLineSize] = "";
-    GetUserInput(typed, sizeof typed);
-    if (!ParseTypedNumber(typed, &tGps.nFlightNumber)) {
-      std::printf("No flight number found\n");
-      return -1;
-    }
-  }
+  if (tGps.nFlightNumber < 0 && !AskFlightNumber(kSelectLineSize, &tGps.nFlightNumber)) return -1;
   int32_t flight = tGps.nFlightNumber;
   if (flight < 1 || flight > kHighestFlight) {
     std::printf("Flight number out of range\n");
@@ -270,15 +221,11 @@ int32_t ReadTrackList(FlightList* list) {
 }
 
 int32_t ReadTrackLog(int32_t flightNumber) {
-  std::free(tGps.pbRawLog);
-  tGps.nRawLogLength = 0;
-  tGps.pbRawLog = static_cast<uint8_t*>(std::malloc(kRawLogInitialSize));
-  if (tGps.pbRawLog == nullptr) {
-    tGps.nRawLogSize = 0;
+  ReleaseTrackLog();
+  if (GrowArray(&tGps.pbRawLog, &tGps.nRawLogSize, 0, kRawLogInitialSize) < 0) {
     std::printf("Memory allocation error\n");
     return -1;
   }
-  tGps.nRawLogSize = kRawLogInitialSize;
   FlushComFifo();
   char command[16];
   FormatFlightCommand(flightNumber, command);
@@ -301,23 +248,15 @@ int32_t ReadTrackLog(int32_t flightNumber) {
     return -1;
   }
   tGps.dwFirstPointTime = tGps.pTrackPoints[0].dwTime;
-  tGps.bSignature = 0;
-  tGps.bUtc = 1;
-  tGps.bPressureAltitude = 1;
-  tGps.dwDownloadTime = GetCurrentGpsTime();
+  SetLogFlags(1, 0, 1, GetCurrentGpsTime());
   return 0;
 }
 
 }  // namespace iqbasic
 
 int32_t DownloadIqBasicTrackLog() {
-  if (OpenComPort() < 0) return -1;
-  int32_t result = iqbasic::ReadProductData();
-  if (result == 0) {
-    iqbasic::FlightList list;
-    int32_t flight = iqbasic::ReadTrackList(&list);
-    result = flight < 0 ? -1 : iqbasic::ReadTrackLog(flight);
-  }
-  CloseComPort();
-  return result;
+  if (iqbasic::ReadProductData() < 0) return -1;
+  iqbasic::FlightList list;
+  int32_t flight = iqbasic::ReadTrackList(&list);
+  return flight < 0 ? -1 : iqbasic::ReadTrackLog(flight);
 }

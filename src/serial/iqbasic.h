@@ -3,6 +3,7 @@
 
 #include <cstdint>
 
+// The command, on a port that the caller opened at the line speed.
 int32_t DownloadIqBasicTrackLog();
 
 namespace iqbasic {

@@ -1,18 +1,19 @@
 #include "serial/leonardo.h"
 
-#include <cerrno>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <limits>
 
+#include "core/bytes.h"
+#include "core/console.h"
 #include "core/run.h"
 #include "geo/conv.h"
 #include "geo/time.h"
 #include "link/com.h"
+#include "link/receive.h"
 #include "link/string.h"
-#include "output/file.h"
 
 namespace leonardo {
 namespace {
@@ -33,43 +34,19 @@ constexpr int kMaxProductFields = 10;
 // from the sentence itself, commas or not.
 constexpr int kMaxListFields = 3;
 
-constexpr double kHalfPi = 1.57079632679489661923;
-constexpr double kPi = 3.14159265358979323846;
-
 static_assert(std::numeric_limits<float>::is_iec559, "records carry IEEE single-precision floats");
 
 bool BulkMode() { return tGps.dwCommand == kCommandDownloadAllTracks; }
 
-int HexValue(char c) {
-  if (c >= '0' && c <= '9') return c - '0';
-  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-  return -1;
-}
-
 // `count` bytes from 2 x `count` hex digits; false at the first non-digit.
 bool HexBytes(const char* digits, int32_t count, uint8_t* bytes) {
   for (int32_t i = 0; i < count; ++i) {
-    int high = HexValue(digits[2 * i]);
-    int low = high < 0 ? -1 : HexValue(digits[2 * i + 1]);
+    int high = HexDigitValue(digits[2 * i]);
+    int low = high < 0 ? -1 : HexDigitValue(digits[2 * i + 1]);
     if (high < 0 || low < 0) return false;
     bytes[i] = static_cast<uint8_t>(high << 4 | low);
   }
   return true;
-}
-
-uint32_t LittleEndian32(const uint8_t* b) {
-  return static_cast<uint32_t>(b[0]) | static_cast<uint32_t>(b[1]) << 8 | static_cast<uint32_t>(b[2]) << 16 |
-         static_cast<uint32_t>(b[3]) << 24;
-}
-
-int16_t BigEndian16(const uint8_t* b) { return static_cast<int16_t>(static_cast<uint16_t>(b[0] << 8 | b[1])); }
-
-float LittleEndianFloat(const uint8_t* b) {
-  uint32_t bits = LittleEndian32(b);
-  float value;
-  std::memcpy(&value, &bits, sizeof value);
-  return value;
 }
 
 void CopyField(char* out, size_t size, const char* field) { std::snprintf(out, size, "%s", field); }
@@ -91,30 +68,27 @@ int32_t Exchange(LeonardoTransfer* t, const char* command, int64_t silence) {
   t->state = 0;
   t->length = 0;
   WriteComString(command);
-  uint64_t last = GetWallClockMicroseconds();
-  for (;;) {
-    while (NonEmptyComFifoWithSleep(10)) {
-      uint8_t byte = ReadComFifo();
-      last = GetWallClockMicroseconds();
-      int32_t result = TakeSentenceByte(t, byte);
-      if (result != 1) return result;
-    }
-    uint64_t now = GetWallClockMicroseconds();
-    if (now < last) last = now;  // the clock was set back: start the silence again
-    if (static_cast<int64_t>(now - last) > silence) return 1;
-  }
+  return ReceiveUntilSilent(silence, [t](uint8_t byte) { return TakeSentenceByte(t, byte); });
 }
 
-// A decimal number typed by the user; false when the line holds none.
-bool ParseTypedNumber(const char* line, int32_t* number) {
-  errno = 0;
-  char* end = nullptr;
-  long value = std::strtol(line, &end, 10);
-  if (end == line) return false;
-  if (errno == ERANGE || value > kMaxFlights) value = kMaxFlights + 1;  // out of range either way
-  if (value < 0) value = 0;
-  *number = static_cast<int32_t>(value);
-  return true;
+// Sends the command for `body` and decodes the one reply with `decode`:
+// its result, or -1 after "Timeout" or the reason the reply was refused.
+int32_t Ask(LeonardoTransfer* t, const char* body, int64_t silence, int32_t (*decode)(LeonardoTransfer*)) {
+  char command[16];
+  FormatCommand(body, command);
+  int32_t result = Exchange(t, command, silence);
+  if (result == 1) {
+    std::printf("Timeout\n");
+    return -1;
+  }
+  if (result == 0) result = decode(t);
+  if (result < 0) {
+    char reason[64];
+    DescribeReplyError(result, reason, sizeof reason);
+    std::printf("%s\n", reason);
+    return -1;
+  }
+  return result;
 }
 
 void PrintFlight(int32_t number, const FlightEntry& f) {
@@ -172,9 +146,7 @@ int32_t ReadBlock(LeonardoTransfer* t, const FlightEntry& flight, int32_t block)
 void ResetTransfer(LeonardoTransfer* t) { std::memset(t, 0, sizeof *t); }
 
 void FormatCommand(const char* body, char* out) {
-  uint8_t sum = 0;
-  for (const char* p = body; *p != '\0'; ++p) sum ^= static_cast<uint8_t>(*p);
-  std::sprintf(out, "$%s*%02X\r\n", body, sum);
+  FormatNmeaSentence(out, static_cast<int>(std::strlen(body)) + 7, body);
 }
 
 void FormatBlockCommand(int32_t block, int32_t stop, char* out) {
@@ -240,10 +212,10 @@ int32_t DecodeProductSentence(LeonardoTransfer* t) {
 bool DecodeFlightEntry(const char* digits, FlightEntry* entry) {
   uint8_t b[kListEntryDigits / 2];
   if (!HexBytes(digits, kListEntryDigits / 2, b)) return false;
-  entry->takeoff = LittleEndian32(b);
+  entry->takeoff = ReadUnsignedLong(b);
   entry->startBlock = b[4];
   entry->startAddress = b[5] << 8 | b[6];
-  entry->landing = LittleEndian32(b + 7);
+  entry->landing = ReadUnsignedLong(b + 7);
   entry->lastBlock = b[11];
   entry->lastAddress = b[12] << 8 | b[13];
   return true;
@@ -273,7 +245,7 @@ int32_t DecodeFlightList(LeonardoTransfer* t) {
     return kBadListEntries;
   }
   for (int32_t i = 0; i < length; ++i) {
-    if (HexValue(digits[i]) < 0) return kBadListEntries;
+    if (HexDigitValue(digits[i]) < 0) return kBadListEntries;
   }
   // The newest come last; keep the newest, and number them from 1.
   int32_t kept = count < static_cast<uint32_t>(kMaxFlights) ? static_cast<int32_t>(count) : kMaxFlights;
@@ -326,16 +298,16 @@ void DescribeReplyError(int32_t code, char* out, int size) {
 void DecodeTrackRecord(const uint8_t* b, bool withoutQnh, TrackRecord* r) {
   r->control = b[0];
   r->satellites = ((b[0] >> 1) & 7) * 2 + 3;
-  r->time = LittleEndian32(b + 1);
-  r->latitude = LittleEndianFloat(b + 5);
-  r->longitude = LittleEndianFloat(b + 9);
-  r->pressureAltitude = BigEndian16(b + 13);
-  r->vario = BigEndian16(b + 15);
+  r->time = ReadUnsignedLong(b + 1);
+  r->latitude = ReadFloat(b + 5);
+  r->longitude = ReadFloat(b + 9);
+  r->pressureAltitude = ReadBigSignedShort(b + 13);
+  r->vario = ReadBigSignedShort(b + 15);
   r->airspeed = b[17];
   r->groundSpeed = b[18];
   // 4.x firmware keeps tracking data where the others keep QNH.
-  r->qnhAltitude = withoutQnh ? r->pressureAltitude : BigEndian16(b + 19);
-  r->gpsAltitude = BigEndian16(b + 21);
+  r->qnhAltitude = withoutQnh ? r->pressureAltitude : ReadBigSignedShort(b + 19);
+  r->gpsAltitude = ReadBigSignedShort(b + 21);
 }
 
 bool MakeTrackPoint(const TrackRecord& r, const FlightEntry& flight, TrackPoint* point) {
@@ -354,22 +326,9 @@ bool MakeTrackPoint(const TrackRecord& r, const FlightEntry& flight, TrackPoint*
 }
 
 int32_t ReadProductData(LeonardoTransfer* t) {
-  char command[16];
-  FormatCommand(kProductBody, command);
   std::printf("Product: ");
   std::fflush(stdout);
-  int32_t result = Exchange(t, command, kProductSilence);
-  if (result == 1) {
-    std::printf("Timeout\n");
-    return -1;
-  }
-  if (result == 0) result = DecodeProductSentence(t);
-  if (result < 0) {
-    char reason[64];
-    DescribeReplyError(result, reason, sizeof reason);
-    std::printf("%s\n", reason);
-    return -1;
-  }
+  if (Ask(t, kProductBody, kProductSilence, DecodeProductSentence) < 0) return -1;
   if (static_cast<uint8_t>(tGps.szPilotName[0]) == 1) {
     std::snprintf(tGps.szPilotName, sizeof tGps.szPilotName, "%.*s", kPilotNameLimit, t->pilot);
     CompressString(tGps.szPilotName);
@@ -387,44 +346,15 @@ int32_t SelectFlight(LeonardoTransfer* t) {
   }
   if (BulkMode()) return 0;
 
-  int32_t number = tGps.nFlightNumber;
-  if (number == 0) return -1;  // only the list was wanted
-  if (number < 0) {
-    std::printf("Select: ");
-    std::fflush(stdout);
-    char line[kSelectLineSize] = "";
-    GetUserInput(line, sizeof line);
-    if (!ParseTypedNumber(line, &number)) {
-      std::printf("No flight number found\n");
-      return -1;
-    }
-  }
-  if (number < 1 || number > t->flightCount) {
-    std::printf("Flight number out of range\n");
-    return -1;
-  }
-  return number;
+  if (tGps.nFlightNumber == 0) return -1;  // only the list was wanted
+  return ChooseFlightNumber(t->flightCount, kSelectLineSize);
 }
 
 int32_t ReadTrackList(LeonardoTransfer* t) {
-  char command[16];
-  FormatCommand(kListBody, command);
   t->flightCount = 0;
   std::printf("Track list:\n");
   std::fflush(stdout);
-  int32_t result = Exchange(t, command, kTransferSilence);
-  if (result == 1) {
-    std::printf("Timeout\n");
-    return -1;
-  }
-  if (result == 0) result = DecodeFlightList(t);
-  if (result < 0) {
-    char reason[64];
-    DescribeReplyError(result, reason, sizeof reason);
-    std::printf("%s\n", reason);
-    return -1;
-  }
-  return SelectFlight(t);
+  return Ask(t, kListBody, kTransferSilence, DecodeFlightList) < 0 ? -1 : SelectFlight(t);
 }
 
 int32_t ReadTrackLog(LeonardoTransfer* t, int32_t flightNumber) {
@@ -447,14 +377,11 @@ int32_t ReadTrackLog(LeonardoTransfer* t, int32_t flightNumber) {
     std::printf("No track points found\n");
     return -1;
   }
-  tGps.bUtc = 1;
-  tGps.bSignature = 1;
-  tGps.bPressureAltitude = 1;
-  tGps.dwDownloadTime = GetCurrentGpsTime();
+  SetLogFlags(1, 1, 1, GetCurrentGpsTime());
   return 0;
 }
 
-int32_t ReadAllTrackLogs(LeonardoTransfer* t, int32_t (*save)()) {
+int32_t ReadAllTrackLogs(LeonardoTransfer* t, TrackSaver save) {
   int32_t result = 0;
   for (int32_t number = 1; number <= t->flightCount; ++number) {
     result = ReadTrackLog(t, number);
@@ -469,33 +396,16 @@ int32_t ReadAllTrackLogs(LeonardoTransfer* t, int32_t (*save)()) {
 
 using leonardo::LeonardoTransfer;
 
-namespace {
-
-// Opens the port, identifies the instrument, runs `stage` and closes the
-// port whatever happened.
-template <typename Stage>
-int32_t RunLeonardoCommand(Stage stage) {
-  LeonardoTransfer transfer;
-  leonardo::ResetTransfer(&transfer);
-  if (OpenComPort() < 0) return -1;
-  int32_t result = leonardo::ReadProductData(&transfer);
-  if (result == 0) result = stage(&transfer);
-  CloseComPort();
-  return result;
-}
-
-}  // namespace
-
 int32_t DownloadLeonardoTrackLog() {
-  return RunLeonardoCommand([](LeonardoTransfer* t) {
+  return RunIdentified<LeonardoTransfer>([](LeonardoTransfer* t) {
     int32_t flight = leonardo::ReadTrackList(t);
     return flight < 1 ? -1 : leonardo::ReadTrackLog(t, flight);
   });
 }
 
-int32_t DownloadLeonardoBulkTrackLog() {
-  return RunLeonardoCommand([](LeonardoTransfer* t) {
+int32_t DownloadLeonardoBulkTrackLog(TrackSaver save) {
+  return RunIdentified<LeonardoTransfer>([save](LeonardoTransfer* t) {
     int32_t result = leonardo::ReadTrackList(t);
-    return result == 0 ? leonardo::ReadAllTrackLogs(t, SaveTracklog) : result;
+    return result == 0 ? leonardo::ReadAllTrackLogs(t, save) : result;
   });
 }

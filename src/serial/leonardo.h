@@ -3,10 +3,11 @@
 
 #include <cstdint>
 
-int32_t DownloadLeonardoTrackLog();
-int32_t DownloadLeonardoBulkTrackLog();
+#include "core/run.h"
 
-struct TrackPoint;
+// The commands, each on a port that the caller opened at the line speed.
+int32_t DownloadLeonardoTrackLog();
+int32_t DownloadLeonardoBulkTrackLog(TrackSaver save);
 
 namespace leonardo {
 
@@ -96,10 +97,10 @@ int32_t ReadTrackList(LeonardoTransfer* transfer);
 int32_t SelectFlight(LeonardoTransfer* transfer);
 int32_t ReadTrackLog(LeonardoTransfer* transfer, int32_t flightNumber);
 // Every listed flight, each handed to `save` as it arrives.
-int32_t ReadAllTrackLogs(LeonardoTransfer* transfer, int32_t (*save)());
+int32_t ReadAllTrackLogs(LeonardoTransfer* transfer, TrackSaver save);
 
 // "$", the body, "*", the checksum, CR LF. `out` needs the body's length
-// plus 6 bytes.
+// plus 7 bytes.
 void FormatCommand(const char* body, char* out);
 // The read command for `block` up to byte `stop`; `out` needs 40 bytes.
 void FormatBlockCommand(int32_t block, int32_t stop, char* out);

@@ -3,11 +3,14 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <ctime>
 
+#include "core/bytes.h"
+#include "core/clock.h"
+#include "core/console.h"
 #include "core/run.h"
 #include "geo/time.h"
 #include "link/com.h"
+#include "link/receive.h"
 #include "link/string.h"
 
 namespace mlr {
@@ -24,39 +27,23 @@ constexpr char kStartWord[] = "DEBUT";
 constexpr char kEndWord[] = "FIN";
 
 // Processor time, in microseconds.
-constexpr uint64_t kProductTimeout = 3000000;
-constexpr uint64_t kTransferSilence = 2000000;
+constexpr int64_t kProductTimeout = 3000000;
+constexpr int64_t kTransferSilence = 2000000;
 constexpr uint64_t kSpeedSwitchWait = 300000;
 
 constexpr int32_t kTrackSpeed = 38400;
 constexpr int32_t kIdleSpeed = 4800;
 constexpr int32_t kPointsPerProgress = 100;
 
-uint64_t (*pfnClock)() = nullptr;
-
-uint64_t Now() { return pfnClock != nullptr ? pfnClock() : ProcessorMicroseconds(); }
-
-uint64_t Since(uint64_t start) {
-  uint64_t now = Now();
-  return now > start ? now - start : 0;
-}
-
 // Spins: a sleeping process spends almost no processor time.
 void WaitProcessorTime(uint64_t microseconds) {
-  uint64_t start = Now();
-  while (Since(start) < microseconds) {
+  uint64_t start = GetProcessorMicroseconds();
+  for (uint64_t now = start; now < start || now - start < microseconds; now = GetProcessorMicroseconds()) {
   }
 }
 
 bool IsLineEnd(uint8_t b) { return b == '\r' || b == '\n'; }
 bool IsDigit(char c) { return c >= '0' && c <= '9'; }
-
-int HexValue(uint8_t b) {
-  if (b >= '0' && b <= '9') return b - '0';
-  if (b >= 'A' && b <= 'F') return b - 'A' + 10;
-  if (b >= 'a' && b <= 'f') return b - 'a' + 10;
-  return -1;
-}
 
 void StartHunt(ProductRecord* p, uint8_t b) {
   if (b != '$') {
@@ -105,31 +92,11 @@ void StartFrameHunt(FrameState* f, uint8_t b) {
   }
 }
 
-int32_t BigEndian32(const uint8_t* b) {
-  return static_cast<int32_t>(static_cast<uint32_t>(b[0]) << 24 | static_cast<uint32_t>(b[1]) << 16 |
-                              static_cast<uint32_t>(b[2]) << 8 | b[3]);
-}
-
-int32_t SignedBigEndian24(const uint8_t* b) {
-  int32_t value = b[0] << 16 | b[1] << 8 | b[2];
-  return (value & 0x800000) != 0 ? value - 0x1000000 : value;
-}
-
 // The point array doubles when full; its own message, unlike the shared one.
 int32_t AppendPoint(const TrackPoint& point) {
-  if (tGps.nTrackPoints >= tGps.nTrackCapacity) {
-    int32_t wanted = tGps.nTrackCapacity > 0 ? tGps.nTrackCapacity * 2 : kTrackInitialCapacity;
-    auto* grown = static_cast<TrackPoint*>(std::malloc(sizeof(TrackPoint) * static_cast<size_t>(wanted)));
-    if (grown == nullptr) {
-      std::printf(" Track log memory allocation error\n");
-      return -1;
-    }
-    if (tGps.nTrackPoints > 0) {
-      std::memcpy(grown, tGps.pTrackPoints, sizeof(TrackPoint) * static_cast<size_t>(tGps.nTrackPoints));
-    }
-    std::free(tGps.pTrackPoints);
-    tGps.pTrackPoints = grown;
-    tGps.nTrackCapacity = wanted;
+  if (GrowTrackLog() < 0) {
+    std::printf(" Track log memory allocation error\n");
+    return -1;
   }
   tGps.pTrackPoints[tGps.nTrackPoints++] = point;
   return 0;
@@ -138,17 +105,17 @@ int32_t AppendPoint(const TrackPoint& point) {
 int32_t StoreRecords(FrameState* f) {
   for (int32_t r = 0; r < f->count; ++r) {
     const uint8_t* record = f->data + r * kTrackRecordSize;
-    int32_t number = record[0] << 8 | record[1];
+    int32_t number = ReadBigUnsignedShort(record);
     if (++f->expectedPoint != number) {
       std::printf(" Bad track point sequence\n");
       return -1;
     }
     TrackPoint point{};
-    point.dwTime = static_cast<uint32_t>(BigEndian32(record + 2)) - kClockOffset;
+    point.dwTime = ReadBigUnsignedLong(record + 2) - kClockOffset;
     if (f->timeCorrection != 0) point.dwTime -= kClockCorrection;
-    point.lLatitude = BigEndian32(record + 6);
-    point.lLongitude = BigEndian32(record + 10);
-    point.lGpsAltitude = SignedBigEndian24(record + 14);
+    point.lLatitude = ReadBigSignedLong(record + 6);
+    point.lLongitude = ReadBigSignedLong(record + 10);
+    point.lGpsAltitude = ReadBigSigned24(record + 14);
     point.lPressureAltitude = 0;
     point.dwFlags = tGps.nTrackPoints == 0 || record[17] == 1 ? kTrackPointNewSegment : 0;
     if (AppendPoint(point) < 0) return -1;
@@ -165,12 +132,6 @@ void StopTransfer() {
 }
 
 }  // namespace
-
-uint64_t ProcessorMicroseconds() {
-  return static_cast<uint64_t>(std::clock()) * 1000000u / static_cast<uint64_t>(CLOCKS_PER_SEC);
-}
-
-void SetProcessorClock(uint64_t (*clock)()) { pfnClock = clock; }
 
 void InitProductDecoder(ProductRecord* p) {
   std::memset(p, 0, sizeof *p);
@@ -228,7 +189,7 @@ int32_t DecodeProductData(ProductRecord* p, uint8_t b) {
     case 7: {
       if (p->index < 2) {
         if (IsLineEnd(b)) return -11;
-        int value = HexValue(b);
+        int value = HexDigitValue(static_cast<char>(b));
         if (value < 0) return -12;
         p->receivedChecksum = static_cast<uint8_t>(p->receivedChecksum * 16 + value);
         ++p->index;
@@ -413,39 +374,26 @@ int32_t ReadProductData(ProductRecord* p) {
   WriteComString(kIdentifyCommand);
   std::printf("Product: ");
   std::fflush(stdout);
-  uint64_t start = Now();
-  for (;;) {
-    while (NonEmptyComFifoWithSleep(10)) {
-      int32_t result = DecodeProductData(p, ReadComFifo());
-      if (result == 0) {
-        std::snprintf(tGps.szProduct, sizeof tGps.szProduct, "%s", p->fields[0]);
-        std::printf("%s\n", tGps.szProduct);
-        return 0;
-      }
-      if (result < 0) {
-        std::printf("Format error %d\n", -result);
-        return -1;
-      }
-      if (Since(start) >= kProductTimeout) break;
-    }
-    // Counted from the command, not from the last byte.
-    if (Since(start) >= kProductTimeout) {
-      std::printf("Timeout\n");
-      return -1;
-    }
+  // Counted from the command, not from the last byte.
+  int32_t result = ReceiveUntilSilent({kProductTimeout, true, true}, [p](uint8_t b) { return DecodeProductData(p, b); });
+  if (result == 1) {
+    std::printf("Timeout\n");
+    return -1;
   }
+  if (result < 0) {
+    std::printf("Format error %d\n", -result);
+    return -1;
+  }
+  std::snprintf(tGps.szProduct, sizeof tGps.szProduct, "%s", p->fields[0]);
+  std::printf("%s\n", tGps.szProduct);
+  return 0;
 }
 
 int32_t ReadTrackLog(ProductRecord* p) {
-  std::free(tGps.pTrackPoints);
-  tGps.nTrackPoints = 0;
-  tGps.pTrackPoints = static_cast<TrackPoint*>(std::malloc(sizeof(TrackPoint) * kTrackInitialCapacity));
-  if (tGps.pTrackPoints == nullptr) {
-    tGps.nTrackCapacity = 0;
+  if (StartTrackLog(kTrackInitialCapacity) < 0) {
     std::printf("Memory allocation error\n");
     return -1;
   }
-  tGps.nTrackCapacity = kTrackInitialCapacity;
   FlushComFifo();
   FrameState frame;
   InitDecodeSentenceByte(&frame);
@@ -456,48 +404,34 @@ int32_t ReadTrackLog(ProductRecord* p) {
   WaitProcessorTime(kSpeedSwitchWait);
   SetComSpeed(kTrackSpeed);
 
-  uint64_t last = Now();
-  for (;;) {
-    while (NonEmptyComFifoWithSleep(10)) {
-      last = Now();
-      int32_t kind = DecodeSentenceByte(&frame, ReadComFifo(), 0);
-      if (kind < 0) {
-        StopTransfer();
-        std::printf(" Format error %d\n", -kind);
-        return -1;
-      }
-      if (kind == 0) continue;
-      int32_t handled = DecodeNewSentence(&frame, 0);
-      if (handled < 0) {
-        StopTransfer();
-        return -1;
-      }
-      if (handled == 0) {
-        StopTransfer();
-        progress.Finish(tGps.nTrackPoints);
-        if (tGps.nTrackPoints == 0) return -1;
-        tGps.dwFirstPointTime = tGps.pTrackPoints[0].dwTime;
-        tGps.bSignature = 1;
-        tGps.bUtc = 1;
-        tGps.bPressureAltitude = 0;
-        tGps.dwDownloadTime = GetCurrentGpsTime();
-        return 0;
-      }
-    }
-    if (Since(last) > kTransferSilence) {
-      std::printf("Transfer stopped\n");
+  int32_t result = ReceiveUntilSilent({kTransferSilence, false, true}, [&frame](uint8_t b) {
+    int32_t kind = DecodeSentenceByte(&frame, b, 0);
+    if (kind < 0) {
+      StopTransfer();
+      std::printf(" Format error %d\n", -kind);
       return -1;
     }
+    if (kind == 0) return 1;
+    int32_t handled = DecodeNewSentence(&frame, 0);
+    if (handled <= 0) StopTransfer();
+    return handled < 0 ? -1 : handled == 0 ? 0 : 1;
+  });
+  if (result == 1) {
+    std::printf("Transfer stopped\n");
+    return -1;
   }
+  if (result < 0) return -1;
+  progress.Finish(tGps.nTrackPoints);
+  if (tGps.nTrackPoints == 0) return -1;
+  tGps.dwFirstPointTime = tGps.pTrackPoints[0].dwTime;
+  SetLogFlags(1, 1, 0, GetCurrentGpsTime());
+  return 0;
 }
 
 }  // namespace mlr
 
 int32_t DownloadMlrTrackLog() {
-  if (OpenComPort() < 0) return -1;
   mlr::ProductRecord product;
   int32_t result = mlr::ReadProductData(&product);
-  if (result == 0) result = mlr::ReadTrackLog(&product);
-  CloseComPort();
-  return result;
+  return result == 0 ? mlr::ReadTrackLog(&product) : result;
 }

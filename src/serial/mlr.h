@@ -3,6 +3,7 @@
 
 #include <cstdint>
 
+// The command, on a port that the caller opened at the line speed.
 int32_t DownloadMlrTrackLog();
 
 class ProgressCounter;
@@ -74,11 +75,6 @@ void InitDecodeSentenceByte(FrameState* frame);
 int32_t DecodeSentenceByte(FrameState* frame, uint8_t byte, int32_t mode);
 // 1 (go on), 0 (log complete) or -1 after printing why.
 int32_t DecodeNewSentence(FrameState* frame, int32_t mode);
-
-// Processor time of the process, in microseconds: the clock of every wait here.
-uint64_t ProcessorMicroseconds();
-// Replaces that clock (null: the processor clock again).
-void SetProcessorClock(uint64_t (*clock)());
 
 int32_t ReadProductData(ProductRecord* product);
 int32_t ReadTrackLog(ProductRecord* product);

@@ -10,8 +10,10 @@
 #include <optional>
 #include <utility>
 
+#include "core/console.h"
 #include "core/run.h"
 #include "geo/conv.h"
+#include "geo/time.h"
 
 void* (*pAnalysisAllocate)(size_t bytes) = std::malloc;
 

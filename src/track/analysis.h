@@ -5,7 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "geo/time.h"
+#include "core/records.h"
 
 // Rule constants of the checks and the analysis, in one place.
 namespace rules {

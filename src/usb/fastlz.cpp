@@ -95,9 +95,3 @@ uint32_t Adler32(uint32_t initial, const uint8_t* data, uint32_t length) {
   return (b << 16) | a;
 }
 
-uint16_t ReadUnsignedShort(const uint8_t* bytes) { return static_cast<uint16_t>(bytes[0] | (bytes[1] << 8)); }
-
-uint32_t ReadUnsignedLong(const uint8_t* bytes) {
-  return static_cast<uint32_t>(bytes[0]) | (static_cast<uint32_t>(bytes[1]) << 8) |
-         (static_cast<uint32_t>(bytes[2]) << 16) | (static_cast<uint32_t>(bytes[3]) << 24);
-}

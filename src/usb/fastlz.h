@@ -1,5 +1,5 @@
-// Block decompression for the SYS'Evolution flight memory, its chunk checksum
-// and the little-endian readers of its container.
+// Block decompression for the SYS'Evolution flight memory and its chunk
+// checksum.
 #pragma once
 
 #include <cstdint>
@@ -17,6 +17,3 @@ int32_t FastLZ_Decompress(const uint8_t* input, int32_t inputLength, uint8_t* ou
 
 // Adler-32 continued from `initial` (1 for a fresh checksum).
 uint32_t Adler32(uint32_t initial, const uint8_t* data, uint32_t length);
-
-uint16_t ReadUnsignedShort(const uint8_t* bytes);
-uint32_t ReadUnsignedLong(const uint8_t* bytes);

@@ -16,9 +16,12 @@
 #include <libusb.h>
 #pragma GCC diagnostic pop
 
+#include "core/bytes.h"
+#include "core/console.h"
 #include "core/run.h"
+#include "geo/conv.h"
+#include "geo/time.h"
 #include "igc/igc.h"
-#include "output/file.h"
 #include "usb/fastlz.h"
 
 namespace syride {
@@ -62,7 +65,6 @@ constexpr uint32_t kMemoryHeader = 8;
 constexpr uint32_t kKeyInterval = 60;
 constexpr uint32_t kKeyOld = 19, kDeltaOld = 14;
 constexpr uint32_t kKeyNew = 21, kDeltaNew = 15;
-constexpr double kDegree7ToArc = 1.1930464711111;  // 2^31 / 1.8e9
 constexpr int32_t kNoFixArc = 5965232;             // 0.5 degrees
 
 constexpr uint32_t kV3Base = 34916;
@@ -77,6 +79,7 @@ constexpr uint16_t kStored = 0;
 constexpr uint16_t kCompressed = 1;
 
 constexpr uint32_t kIdentificationPause = 200000;
+constexpr int kSelectLineSize = 81;
 
 void* RealOpenLibrary(const char* name) { return dlopen(name, RTLD_NOW | RTLD_LOCAL); }
 void* RealFindSymbol(void* library, const char* name) { return dlsym(library, name); }
@@ -105,28 +108,6 @@ Function Symbol(LibUsbSymbol which) {
   return reinterpret_cast<Function>(tLibUsb.apSymbols[which]);
 }
 
-int32_t DecodeWithIgcReader(const uint8_t* text, int32_t length) {
-  return DecodeIgcBuffer(text, length, nullptr, 0);
-}
-
-int32_t SaveWithPipeline() { return SaveTracklog(); }
-
-const TrackConsumers kPipeline = {DecodeWithIgcReader, SaveWithPipeline};
-const TrackConsumers* pConsumers = &kPipeline;
-
-void PutLong(uint8_t* at, uint32_t value) {
-  at[0] = static_cast<uint8_t>(value);
-  at[1] = static_cast<uint8_t>(value >> 8);
-  at[2] = static_cast<uint8_t>(value >> 16);
-  at[3] = static_cast<uint8_t>(value >> 24);
-}
-
-int32_t ReadBigLong(const uint8_t* at) {
-  return static_cast<int32_t>((static_cast<uint32_t>(at[0]) << 24) | (static_cast<uint32_t>(at[1]) << 16) |
-                              (static_cast<uint32_t>(at[2]) << 8) | at[3]);
-}
-
-int32_t ReadBigShort(const uint8_t* at) { return static_cast<int16_t>((at[0] << 8) | at[1]); }
 
 bool IsEvolution(const SyrideDevice* device) {
   return device->dwProductId != kProductNav && device->dwProductId != kProductNavV3;
@@ -147,7 +128,7 @@ int32_t ExchangeUntilValid(SyrideDevice* device) {
 
 int32_t ReadPiece(SyrideDevice* device, uint32_t address, uint8_t* destination, uint32_t length) {
   device->abOutput[1] = kCommandReadMemory;
-  PutLong(device->abOutput + 2, address);
+  WriteUnsignedLong(device->abOutput + 2, address);
   device->abOutput[6] = static_cast<uint8_t>(length);
   if (ExchangeUntilValid(device) < 0) return -1;
   std::memcpy(destination, device->abInput + 1, length);
@@ -157,10 +138,10 @@ int32_t ReadPiece(SyrideDevice* device, uint32_t address, uint8_t* destination, 
 int32_t ReadEvolutionPiece(SyrideDevice* device, uint32_t block, uint32_t offset, uint8_t* destination,
                            uint32_t length) {
   device->abOutput[1] = kCommandReadMemory;
-  PutLong(device->abOutput + 2, block);
+  WriteUnsignedLong(device->abOutput + 2, block);
   device->abOutput[6] = static_cast<uint8_t>(length);
   device->abOutput[7] = 0;
-  PutLong(device->abOutput + 8, offset);
+  WriteUnsignedLong(device->abOutput + 8, offset);
   if (ExchangeUntilValid(device) < 0) return -1;
   std::memcpy(destination, device->abInput + 1, length);
   return 0;
@@ -181,6 +162,29 @@ int32_t ReadSpan(SyrideDevice* device, uint32_t address, uint8_t* destination, u
   return 0;
 }
 
+
+// Fills the instrument's write buffer piece by piece, then commits it to
+// `address`. The SYS'Evolution block commands carry a two-byte offset, so
+// one byte less of data fits their pieces.
+int32_t WriteThroughBuffer(SyrideDevice* device, uint32_t address, const uint8_t* data, uint32_t length,
+                           bool wideOffset) {
+  const uint32_t header = wideOffset ? 5 : 4;
+  const uint32_t room = static_cast<uint32_t>(kChecksumByte) - header;  // up to the checksum byte
+  for (uint32_t offset = 0; offset < length;) {
+    uint32_t piece = length - offset < room ? length - offset : room;
+    uint8_t* out = device->abOutput;
+    out[1] = kCommandWriteBuffer;
+    out[2] = static_cast<uint8_t>(offset);
+    if (wideOffset) out[3] = static_cast<uint8_t>(offset >> 8);
+    out[header - 1] = static_cast<uint8_t>(piece);
+    std::memcpy(out + header, data + offset, piece);
+    if (ExchangeUntilValid(device) < 0) return -1;
+    offset += piece;
+  }
+  device->abOutput[1] = kCommandCommitBuffer;
+  WriteUnsignedLong(device->abOutput + 2, address);
+  return ExchangeUntilValid(device);
+}
 
 int32_t ArcFromDegree7(int32_t value) {
   // Wraps like the 32-bit field it fills when garbage comes in.
@@ -205,8 +209,6 @@ void UseUsbPlatform(const UsbPlatform* platform) {
   // A real library stays mapped: libusb may run threads of its own.
   tLibUsb = LibUsbState{};
 }
-
-void UseTrackConsumers(const TrackConsumers* consumers) { pConsumers = consumers != nullptr ? consumers : &kPipeline; }
 
 int32_t LoadLibUsbLibrary(int32_t initialiseHid) {
   if (tLibUsb.pLibrary == nullptr) {
@@ -314,7 +316,7 @@ int32_t USB_ReadData(SyrideDevice* device, uint32_t address, uint8_t* destinatio
   while (length > 0) {
     uint32_t piece = length < kPayloadSize ? length : kPayloadSize;
     device->abOutput[1] = kCommandReadMemory;
-    PutLong(device->abOutput + 2, address);
+    WriteUnsignedLong(device->abOutput + 2, address);
     device->abOutput[6] = static_cast<uint8_t>(piece);
     if (USB_Action(device) < 0) return -1;
     std::memcpy(destination, device->abInput + 1, piece);
@@ -335,42 +337,17 @@ uint32_t USB_ReadEvolutionBlock(SyrideDevice* device, uint32_t block, uint8_t* d
 }
 
 int32_t USB_WriteData(SyrideDevice* device, uint32_t address, const uint8_t* data, uint32_t length) {
-  constexpr uint32_t kPiece = 59;
-  for (uint32_t offset = 0; offset < length;) {
-    uint32_t piece = length - offset < kPiece ? length - offset : kPiece;
-    device->abOutput[1] = kCommandWriteBuffer;
-    device->abOutput[2] = static_cast<uint8_t>(offset);
-    device->abOutput[3] = static_cast<uint8_t>(piece);
-    std::memcpy(device->abOutput + 4, data + offset, piece);
-    if (ExchangeUntilValid(device) < 0) return -1;
-    offset += piece;
-  }
-  device->abOutput[1] = kCommandCommitBuffer;
-  PutLong(device->abOutput + 2, address);
-  return ExchangeUntilValid(device);
+  return WriteThroughBuffer(device, address, data, length, false);
 }
 
 int32_t USB_WriteBlock(SyrideDevice* device, uint32_t address, const uint8_t* data) {
-  constexpr uint32_t kPiece = 58;
-  for (uint32_t offset = 0; offset < kEvolutionBlockSize;) {
-    uint32_t piece = kEvolutionBlockSize - offset < kPiece ? kEvolutionBlockSize - offset : kPiece;
-    device->abOutput[1] = kCommandWriteBuffer;
-    device->abOutput[2] = static_cast<uint8_t>(offset);
-    device->abOutput[3] = static_cast<uint8_t>(offset >> 8);
-    device->abOutput[4] = static_cast<uint8_t>(piece);
-    std::memcpy(device->abOutput + 5, data + offset, piece);
-    if (ExchangeUntilValid(device) < 0) return -1;
-    offset += piece;
-  }
-  device->abOutput[1] = kCommandCommitBuffer;
-  PutLong(device->abOutput + 2, address);
-  return ExchangeUntilValid(device);
+  return WriteThroughBuffer(device, address, data, kEvolutionBlockSize, true);
 }
 
 int32_t USB_EraseFlashSubSector(SyrideDevice* device, uint32_t address) {
   std::memset(device->abOutput, 0, sizeof device->abOutput);
   device->abOutput[1] = kCommandEraseSubSector;
-  PutLong(device->abOutput + 2, address);
+  WriteUnsignedLong(device->abOutput + 2, address);
   return ExchangeUntilValid(device);
 }
 
@@ -467,24 +444,7 @@ int32_t SyrideReadTrackList(SyrideDevice* device) {
   device->nFlights = count;
   device->bListRead = 1;
   if (bulk) return 0;
-  int32_t choice;
-  if (tGps.nFlightNumber >= 0) {
-    choice = tGps.nFlightNumber;
-  } else {
-    std::printf("Select: ");
-    std::fflush(stdout);
-    char line[81];
-    if (GetUserInput(line, sizeof line) < 0) return -1;
-    if (std::sscanf(line, "%d", &choice) != 1) {
-      std::printf("No flight number found\n");
-      return -1;
-    }
-  }
-  if (choice < 1 || choice > count) {
-    std::printf("Flight number out of range\n");
-    return -1;
-  }
-  return choice;
+  return ChooseFlightNumber(count, kSelectLineSize, true);
 }
 
 uint32_t FlightMemorySize(uint32_t duration, uint8_t newFormat) {
@@ -498,10 +458,7 @@ int32_t ReadSelectedTrack(SyrideDevice* device, int32_t index) {
     std::printf("Flight number out of range\n");
     return -1;
   }
-  tGps.bUtc = 1;
-  tGps.bSignature = 1;
-  tGps.bPressureAltitude = 1;
-  tGps.dwDownloadTime = GetCurrentGpsTime();
+  SetLogFlags(1, 1, 1, GetCurrentGpsTime());
   const FlightEntry& flight = device->aFlights[index];
   const bool evolution = IsEvolution(device);
   uint32_t expected = evolution ? flight.dwSize : FlightMemorySize(flight.dwDuration, device->bNewFormat);
@@ -608,14 +565,14 @@ int32_t DecodeFlightMemory(const uint8_t* buffer, TrackPoint* points, uint32_t d
   int32_t stored = 0;
   for (uint32_t i = 0; i < duration; ++i) {
     if (i % kKeyInterval == 0) {
-      latitude = ReadBigLong(record);
-      longitude = ReadBigLong(record + 4);
-      altitude = ReadBigShort(record + 8);
-      if (newFormat != 0) secondAltitude = ReadBigShort(record + 10);
+      latitude = ReadBigSignedLong(record);
+      longitude = ReadBigSignedLong(record + 4);
+      altitude = ReadBigSignedShort(record + 8);
+      if (newFormat != 0) secondAltitude = ReadBigSignedShort(record + 10);
       record += newFormat != 0 ? kKeyNew : kKeyOld;
     } else {
-      latitude = Subtract(latitude, ReadBigShort(record));
-      longitude = Subtract(longitude, ReadBigShort(record + 2));
+      latitude = Subtract(latitude, ReadBigSignedShort(record));
+      longitude = Subtract(longitude, ReadBigSignedShort(record + 2));
       int32_t fall = static_cast<int8_t>(record[4]);
       altitude -= fall;
       // The instrument keeps no delta of its own for the second altitude.
@@ -704,7 +661,7 @@ int32_t DecodeEvolutionFlightMemory(const uint8_t* buffer, uint32_t length) {
   tGps.pbRawLog = output;
   tGps.nRawLogSize = static_cast<int32_t>(declared);
   tGps.nRawLogLength = static_cast<int32_t>(count);
-  if (pConsumers->decodeIgc(output, tGps.nRawLogLength) < 0) return -1;
+  if (DecodeIgcBuffer(output, tGps.nRawLogLength, nullptr, 0) < 0) return -1;
   if (tGps.nTrackPoints > 0) tGps.dwFirstPointTime = tGps.pTrackPoints[0].dwTime;
   std::printf("Got %d points\n", tGps.nTrackPoints);
   return 0;
@@ -725,7 +682,7 @@ int32_t DownloadSyrideTrackLog() {
   return result;
 }
 
-int32_t DownloadSyrideBulkTrackLog() {
+int32_t DownloadSyrideBulkTrackLog(TrackSaver save) {
   using namespace syride;
   SyrideDevice device{};
   // Loaded here too, so that an all-tracks download works in a fresh process.
@@ -736,7 +693,7 @@ int32_t DownloadSyrideBulkTrackLog() {
     for (int32_t i = 0; i < device.nFlights; ++i) {
       result = ReadSelectedTrack(&device, i);
       if (result < 0) break;
-      pConsumers->saveTrack();
+      save();
       ReleaseTrackLog();
     }
   }

@@ -6,10 +6,11 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "geo/time.h"
+#include "core/run.h"
 
+// The commands; they find and open the instrument themselves.
 int32_t DownloadSyrideTrackLog();
-int32_t DownloadSyrideBulkTrackLog();
+int32_t DownloadSyrideBulkTrackLog(TrackSaver save);
 
 namespace syride {
 
@@ -85,16 +86,6 @@ constexpr int kLibUsbRequiredSymbols = 4;
 // Switches to `platform` (nullptr: the real one) and forgets a libusb that
 // was loaded through the previous one.
 void UseUsbPlatform(const UsbPlatform* platform);
-
-// Where a downloaded flight leaves this module: the SYS'Evolution text goes
-// to the IGC reader, each flight of a bulk download to the saving pipeline.
-struct TrackConsumers {
-  int32_t (*decodeIgc)(const uint8_t* text, int32_t length);
-  int32_t (*saveTrack)();
-};
-
-// nullptr restores the IGC reader and the saving pipeline.
-void UseTrackConsumers(const TrackConsumers* consumers);
 
 int32_t LoadLibUsbLibrary(int32_t initialiseHid);
 int32_t OpenbHidDevice(SyrideDevice* device);

@@ -12,33 +12,24 @@
 
 constexpr int32_t kComFifoSize = 100000;
 
+// The one command of a run.
 enum Command : uint32_t {
   kCommandNone = 0,
-  kCommandDownloadTrack = 1,
-  kCommandDownloadWaypoints = 2,
-  kCommandConvertIgc = 3,
-  kCommandUploadWaypoints = 4,
-  kCommandDownloadAllTracks = 5,
+  kCommandDownloadTrack = 1, kCommandDownloadWaypoints = 2, kCommandConvertIgc = 3,
+  kCommandUploadWaypoints = 4, kCommandDownloadAllTracks = 5,
 };
 
+// Instrument type codes of the families that have a switch (the family
+// table in the driver knows them all).
 enum GpsType : int32_t {
   kGpsNone = 0,
-  kGpsGalileo = 1,
-  kGpsMlr = 3,
-  kGpsFlymaster = 5,
-  kGpsIqBasic = 7,
-  kGpsSyride = 9,
-  kGpsFlymasterNew = 10,
-  kGpsAscent = 11,
-  kGpsLeonardo = 13,
+  kGpsGalileo = 1, kGpsMlr = 3, kGpsFlymaster = 5, kGpsIqBasic = 7, kGpsSyride = 9,
+  kGpsFlymasterNew = 10, kGpsAscent = 11, kGpsLeonardo = 13,
 };
 
 // File-type masks: tracks use the first two bits, waypoints all three.
-constexpr uint32_t kFileKml = 1;
-constexpr uint32_t kFileIgc = 2;
-constexpr uint32_t kFileWptOzi = 1;
-constexpr uint32_t kFileWptGpx = 2;
-constexpr uint32_t kFileWptKml = 4;
+constexpr uint32_t kFileKml = 1, kFileIgc = 2;
+constexpr uint32_t kFileWptOzi = 1, kFileWptGpx = 2, kFileWptKml = 4;
 
 // The one record of run parameters. Field order is part of the design.
 struct RunParameters {
@@ -176,3 +167,21 @@ void SetLogFlags(int32_t utc, int32_t signature, int32_t pressureAltitude, uint3
 
 // How an all-tracks download hands each track to the saving pipeline.
 using TrackSaver = int32_t (*)();
+
+// The walk of an all-tracks download: `read(n)` for n = 1 to `count` fills
+// the track log (0), finds no track there (above 0) or fails (below 0, which
+// ends the walk); each track read goes to `save` and is released after.
+// Returns the last result of a track that was there.
+template <typename Read>
+int32_t SaveEachTrack(int32_t count, TrackSaver save, Read read) {
+  int32_t result = 0;
+  for (int32_t n = 1; n <= count; ++n) {
+    const int32_t got = read(n);
+    if (got > 0) continue;
+    result = got;
+    if (result < 0) break;
+    save();
+    ReleaseTrackLog();
+  }
+  return result;
+}

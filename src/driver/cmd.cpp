@@ -161,6 +161,41 @@ int HandleCmdFlightSelect(char* value) {
   return 0;
 }
 
+namespace {
+
+// Switches of one letter with the value attached ("-lname", "-l=name"); -g
+// and -c standing alone take the next argument instead.
+struct LetterSwitch {
+  char letter;
+  int (*handler)(char*);
+  bool takesNext;
+};
+constexpr LetterSwitch kLetterSwitches[] = {
+    {'g', HandleCmdGpsType, true},  {'c', HandleCmdPort, true},      {'l', HandleCmdLog, false},
+    {'L', HandleCmdBulkLog, false}, {'w', HandleCmdWptRead, false}, {'r', HandleCmdWptWrite, false},
+    {'x', HandleCmdTranslate, false},
+};
+
+// Options that only set a flag of the run record ("--scroll").
+struct FlagSwitch {
+  const char* word;  // after the first dash
+  int32_t RunParameters::*flag;
+};
+constexpr FlagSwitch kFlagSwitches[] = {
+    {"-noana", &RunParameters::bNoAnalysis}, {"-scroll", &RunParameters::bScroll}, {"-trim", &RunParameters::bTrim},
+    {"-debug", &RunParameters::bDebug},      {"-silent", &RunParameters::bSilent}, {"-skip", &RunParameters::bSkipExisting},
+};
+
+template <typename Row, size_t N, typename Match>
+const Row* FindSwitch(const Row (&rows)[N], Match match) {
+  for (const Row& row : rows) {
+    if (match(row)) return &row;
+  }
+  return nullptr;
+}
+
+}  // namespace
+
 int ParseArguments(int count, char** arguments) {
   char work[kWorkSize];
   char separate[kWorkSize];
@@ -175,23 +210,13 @@ int ParseArguments(int count, char** arguments) {
     char* value = nullptr;
     bool alone = false;
     int (*handler)(char*) = nullptr;
-    if (std::strcmp(work, "-noana") == 0) {
-      tGps.bNoAnalysis = 1;
-    } else if (work[0] == 'g' || work[0] == 'c') {
-      handler = work[0] == 'g' ? HandleCmdGpsType : HandleCmdPort;
-      alone = work[1] == '\0';
-      value = AttachedValue(work);
-    } else if (work[0] == 'l') {
-      handler = HandleCmdLog;
-      value = AttachedValue(work);
-    } else if (work[0] == 'L') {
-      handler = HandleCmdBulkLog;
-      value = AttachedValue(work);
-    } else if (work[0] == 'w') {
-      handler = HandleCmdWptRead;
-      value = AttachedValue(work);
-    } else if (work[0] == 'r') {
-      handler = HandleCmdWptWrite;
+    const FlagSwitch* flag = FindSwitch(kFlagSwitches, [&work](const FlagSwitch& f) { return std::strcmp(work, f.word) == 0; });
+    const LetterSwitch* letter = FindSwitch(kLetterSwitches, [&work](const LetterSwitch& l) { return work[0] == l.letter; });
+    if (flag != nullptr) {
+      tGps.*(flag->flag) = 1;
+    } else if (letter != nullptr) {
+      handler = letter->handler;
+      alone = letter->takesNext && work[1] == '\0';
       value = AttachedValue(work);
     } else if (std::strcmp(work, "-gap") == 0) {
       handler = HandleCmdGap;
@@ -199,22 +224,9 @@ int ParseArguments(int count, char** arguments) {
     } else if (std::strncmp(work, "-gap=", 5) == 0) {
       handler = HandleCmdGap;
       value = work + 5;
-    } else if (work[0] == 'x') {
-      handler = HandleCmdTranslate;
-      value = AttachedValue(work);
     } else if (work[0] == 'f') {
       handler = HandleCmdFlightSelect;
       value = work + 1;
-    } else if (std::strcmp(work, "-scroll") == 0) {
-      tGps.bScroll = 1;
-    } else if (std::strcmp(work, "-trim") == 0) {
-      tGps.bTrim = 1;
-    } else if (std::strcmp(work, "-debug") == 0) {
-      tGps.bDebug = 1;
-    } else if (std::strcmp(work, "-silent") == 0) {
-      tGps.bSilent = 1;
-    } else if (std::strcmp(work, "-skip") == 0) {
-      tGps.bSkipExisting = 1;
     } else {
       std::printf("Unrecognized command: %s\n", work);
       return -1;

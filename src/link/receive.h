@@ -4,8 +4,12 @@
 #pragma once
 
 #include <cstdint>
+#include <cstdio>
 
 #include "core/clock.h"
+#include "core/console.h"
+#include "core/run.h"
+#include "geo/time.h"
 #include "link/com.h"
 
 // How long a stage listens. By default the wait ends when no byte has come
@@ -45,4 +49,28 @@ int32_t ReceiveUntilSilent(Listening listening, Take take) {
 template <typename Take>
 int32_t ReceiveUntilSilent(int64_t silence, Take take) {
   return ReceiveUntilSilent(Listening{silence}, take);
+}
+
+// A waypoint download: an empty list, the command sent by `start`, then every
+// byte to `take` with the download time (it stores the waypoints it decodes
+// and answers 1, or -1 after its message) until the line falls silent, with
+// "Waypoints: " counting every tenth. 0 when waypoints came, else -1.
+template <typename Start, typename Take>
+int32_t ReceiveWaypoints(int64_t silence, Start start, Take take) {
+  if (StartWaypointList() < 0) {
+    std::printf("Memory allocation error\n");
+    return -1;
+  }
+  start();
+  ProgressCounter progress("Waypoints: ", 0);
+  const uint32_t downloadTime = GetCurrentGpsTime();
+  int32_t result = ReceiveUntilSilent(silence, [&](uint8_t byte) {
+    const int32_t before = tGps.nWaypoints;
+    if (take(byte, downloadTime) < 0) return -1;
+    if (tGps.nWaypoints != before && tGps.nWaypoints % 10 == 0) progress.Update(tGps.nWaypoints);
+    return 1;
+  });
+  if (result < 0) return -1;
+  progress.Finish(tGps.nWaypoints);
+  return tGps.nWaypoints > 0 ? 0 : -1;
 }

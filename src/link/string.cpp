@@ -1,8 +1,12 @@
 #include "link/string.h"
 
+#include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+
+#include "core/records.h"
+#include "geo/conv.h"
 
 namespace {
 
@@ -69,6 +73,22 @@ int HexDigitValue(char c) {
   if (c >= 'A' && c <= 'F') return c - 'A' + 10;
   if (c >= 'a' && c <= 'f') return c - 'a' + 10;
   return -1;
+}
+
+int FormatWaypointPosition(const Waypoint& waypoint, char* out, int size) {
+  double latitude = 0, longitude = 0;
+  ConvertArcToGeoPos(waypoint.lLatitude, waypoint.lLongitude, &latitude, &longitude);
+  // Below 10,800,001 for any position.
+  auto thousandths = [](double angle) { return static_cast<int32_t>(std::fabs(angle) * kRadiansToMin1000 + 0.5); };
+  const int32_t lat = thousandths(latitude);
+  const int32_t lon = thousandths(longitude);
+  return std::snprintf(out, static_cast<size_t>(size), "%04d.%03d,%c,%05d.%03d,%c", lat / 60000 * 100 + lat / 1000 % 60,
+                       lat % 1000, latitude < 0 ? 'S' : 'N', lon / 60000 * 100 + lon / 1000 % 60, lon % 1000,
+                       longitude < 0 ? 'W' : 'E');
+}
+
+int32_t WaypointSentenceAltitude(const Waypoint& waypoint) {
+  return waypoint.lAltitude < 0 ? 0 : waypoint.lAltitude > 9999 ? 9999 : waypoint.lAltitude;
 }
 
 uint8_t NmeaChecksum(const char* body, int length) {
@@ -196,24 +216,11 @@ int DecodeTimeString(const char* text, uint32_t* hour, uint32_t* minute, uint32_
 
 const char* DecodeWptPosString(const char* text, int latitude, double* degrees) {
   const char* p = SkipBlanks(text);
-  double sign;
-  if (latitude) {
-    if (*p == 'N' || *p == 'n') {
-      sign = 1.0;
-    } else if (*p == 'S' || *p == 's') {
-      sign = -1.0;
-    } else {
-      return nullptr;
-    }
-  } else {
-    if (*p == 'E' || *p == 'e') {
-      sign = 1.0;
-    } else if (*p == 'W' || *p == 'w') {
-      sign = -1.0;
-    } else {
-      return nullptr;
-    }
-  }
+  // The hemisphere letter, either case: the positive one, then the negative.
+  const char* letters = latitude ? "NnSs" : "EeWw";
+  const char* letter = *p != '\0' ? std::strchr(letters, *p) : nullptr;
+  if (letter == nullptr) return nullptr;
+  const double sign = letter - letters < 2 ? 1.0 : -1.0;
   p = SkipBlanks(p + 1);
   uint32_t whole = 0;
   p = ReadBoundedDigits(p, latitude ? 90u : 180u, &whole);

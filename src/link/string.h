@@ -15,6 +15,13 @@ int ParseNmeaString(char* sentence, int32_t* offsets, int maximum);
 // 0..15 for a hex digit of either case, else -1.
 int HexDigitValue(char c);
 
+// A waypoint's position as the instruments' waypoint sentences carry it,
+// "DDMM.mmm,N,DDDMM.mmm,E" (thousandths of a minute, rounded), into `out`.
+struct Waypoint;
+int FormatWaypointPosition(const Waypoint& waypoint, char* out, int size);
+// A waypoint's altitude as those sentences carry it: 0 to 9999 metres.
+int32_t WaypointSentenceAltitude(const Waypoint& waypoint);
+
 // The XOR of the characters between "$" and "*".
 uint8_t NmeaChecksum(const char* body, int length);
 // "$<body>*<checksum>\r\n" into `out` (`size` bytes), the checksum as two

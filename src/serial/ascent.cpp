@@ -20,16 +20,14 @@ const uint8_t abGetTrackList[2] = {0x03, 0x05};
 
 namespace {
 
-constexpr uint8_t kProductId = 0x02;
-constexpr uint8_t kListId = 0x05;
-constexpr uint8_t kPacketStart = 0x03;
-constexpr uint8_t kPacketRequest = 0x08;
+// Message ids of the answers, and the bytes that frame a packet request.
+constexpr uint8_t kProductId = 0x02, kListId = 0x05;
+constexpr uint8_t kPacketStart = 0x03, kPacketRequest = 0x08;
 
-// Silences, in microseconds.
-constexpr int64_t kProductSilence = 1000000;
-constexpr int64_t kListTimeout = 2000000;
-constexpr int64_t kListMessageEnd = 100000;
-constexpr int64_t kPacketSilence = 2000000;
+// Silences and the pause after identification, in microseconds; a list
+// message ends when the line has been quiet for kListMessageEnd.
+constexpr int64_t kProductSilence = 1000000, kListTimeout = 2000000, kListMessageEnd = 100000,
+                  kPacketSilence = 2000000;
 constexpr uint32_t kAfterProduct = 500000;
 
 constexpr int32_t kSectionCapacities[kSections] = {1000, 1000, 10000, 1000, 1000};
@@ -242,20 +240,12 @@ int32_t ReadTrackList(Product* product) {
       message[held++] = b;
       if (held < kListMessageSize) return 1;
       char entry[64];
-      switch (DecodeListMessage(&list, message, product, entry, sizeof entry)) {
-        case kListBadId:
-          std::printf("Data error (bad message ID)\n");
-          return -1;
-        case kListBadBlock:
-          std::printf("Data error (bad block number)\n");
-          return -1;
-        case kListNoTracks:
-          std::printf("No tracks in list\n");
-          return -1;
-        default:
-          std::printf("%s", entry);
-          return 0;
-      }
+      int32_t decoded = DecodeListMessage(&list, message, product, entry, sizeof entry);
+      // By the negated code.
+      static constexpr const char* kRefusals[] = {"", "Data error (bad message ID)\n", "Data error (bad block number)\n",
+                                                  "No tracks in list\n"};
+      std::printf("%s", decoded < 0 ? kRefusals[-decoded] : entry);
+      return decoded < 0 ? -1 : 0;
     });
     if (result == 1) std::printf("Timeout waiting for data\n");
     if (result != 0) return -1;
@@ -279,22 +269,11 @@ int32_t ReadIgcTrackLog(Product*, uint16_t trackId) {
   ProgressCounter progress("Lines: ", 0);
   int32_t result = ReceiveUntilSilent(kPacketSilence, [&](uint8_t b) {
     int32_t decoded = DecodePacketByte(&transfer, b);
-    switch (decoded) {
-      case kPacketBadStart:
-        std::printf("Bad response in state 0 (0x%02x)\n", b);
-        return -1;
-      case kPacketBadSection:
-        std::printf("Bad response from GPS\n");
-        return -1;
-      case kPacketNoMemory:
-        std::printf("Memory allocation error\n");
-        return -1;
-      case kPacketDone:
-        SendPacketRequest(trackId, static_cast<uint8_t>(transfer.section));
-        break;
-      default:
-        break;
-    }
+    if (decoded == kPacketBadStart) std::printf("Bad response in state 0 (0x%02x)\n", b);
+    if (decoded == kPacketBadSection) std::printf("Bad response from GPS\n");
+    if (decoded == kPacketNoMemory) std::printf("Memory allocation error\n");
+    if (decoded < 0) return -1;
+    if (decoded == kPacketDone) SendPacketRequest(trackId, static_cast<uint8_t>(transfer.section));
     if (transfer.lines > 0 && transfer.lines % kLinesPerProgress == 0) progress.Update(transfer.lines);
     return decoded == kFlightComplete ? 0 : 1;
   });
@@ -343,12 +322,11 @@ int32_t DownloadAscentBulkTrackLog(TrackSaver save) {
   int32_t result = ascent::ReadProductData(&product);
   if (result == 0) result = ascent::ReadTrackList(&product);
   if (result != 0) return result;
-  for (int32_t i = 0; i < product.flightCount; ++i) {
-    uint16_t id = product.flightIds[i];
+  // A flight that fails ends the walk, not the command.
+  SaveEachTrack(product.flightCount, save, [&product](int32_t n) {
+    uint16_t id = product.flightIds[n - 1];
     std::printf("Getting flight number %d\n", id);
-    if (ascent::ReadIgcTrackLog(&product, id) < 0) break;
-    save();
-    ReleaseTrackLog();
-  }
+    return ascent::ReadIgcTrackLog(&product, id);
+  });
   return 0;
 }

@@ -21,43 +21,32 @@ namespace {
 
 // Stored commands, sent as they are: their checksum digits are not all the
 // XOR of their characters, and the instruments answer them that way.
-constexpr char kNewProductCommand[] = "$PFMSNP,*21\r\n";
-constexpr char kOldProductCommand[] = "$PBRSNP,*21\r\n";
-constexpr char kListCommand[] = "$PFMDNL,LST,*72\r\n";
-constexpr char kWaypointCommand[] = "$PFMWPL,*3c\r\n";
+constexpr char kNewProductCommand[] = "$PFMSNP,*21\r\n", kOldProductCommand[] = "$PBRSNP,*21\r\n";
+constexpr char kListCommand[] = "$PFMDNL,LST,*72\r\n", kWaypointCommand[] = "$PFMWPL,*3c\r\n";
 
 constexpr char kDebugFileName[] = "flymaster2yy.dat";
 // The debug dump is scrambled with the first bytes of the security key.
 constexpr int32_t kDebugKeySize = 59;
 static_assert(kDebugKeySize <= static_cast<int32_t>(sizeof abScramble));
 
-// Silence that ends a stage, in microseconds.
-constexpr int64_t kProductSilence = 3000000;
-constexpr int64_t kTransferSilence = 2000000;
-constexpr int64_t kDumpSilence = 1000000;
-constexpr int64_t kNewDumpSilence = 500000;
-
-constexpr uint32_t kAfterProductSleep = 1000000;
-constexpr uint32_t kBeforeProductSleep = 100000;
-constexpr uint32_t kUploadSpacing = 100000;
+// Silence that ends a stage, pauses, and the dump's progress interval, in
+// microseconds.
+constexpr int64_t kProductSilence = 3000000, kTransferSilence = 2000000, kDumpSilence = 1000000,
+                  kNewDumpSilence = 500000;
+constexpr uint32_t kAfterProductSleep = 1000000, kBeforeProductSleep = 100000, kUploadSpacing = 100000;
 constexpr uint64_t kDumpProgressInterval = 200000;
 
 constexpr int kSelectLineSize = 101;
-constexpr int32_t kPilotNameLimit = 50;
-constexpr int32_t kIgcInitialSize = 10000;
-constexpr int32_t kOldInitialPoints = 1000;
-constexpr int32_t kNewInitialPoints = 2000;
-constexpr int32_t kTaskInitialSlots = 20;
-constexpr int32_t kWaypointNameSize = 16;
+constexpr int32_t kPilotNameLimit = 50, kWaypointNameSize = 16;
+// First sizes of the growing buffers.
+constexpr int32_t kIgcInitialSize = 10000, kOldInitialPoints = 1000, kNewInitialPoints = 2000, kTaskInitialSlots = 20;
 
 constexpr float kSeaLevelPressure = 1013.25f;
 
-// Older models: flight information and key position need these lengths.
-constexpr int32_t kFlightInfoLength = 63;
-constexpr int32_t kKeyPositionLength = 17;
-constexpr int32_t kTrackEntryLength = 6;
-constexpr int32_t kLatitudeLimit = 5400000;    // 90 degrees
-constexpr int32_t kLongitudeLimit = 10800000;  // 180 degrees
+// Older models: the lengths the blocks need, the range of a key position
+// (90 and 180 degrees) and the points between progress updates.
+constexpr int32_t kFlightInfoLength = 63, kKeyPositionLength = 17, kTrackEntryLength = 6;
+constexpr int32_t kLatitudeLimit = 5400000, kLongitudeLimit = 10800000;
 constexpr int32_t kProgressStep = 200;
 
 struct FreeDeleter {
@@ -426,15 +415,7 @@ int32_t OldPressureAltitude(double pressure) {
 }
 
 bool AppendTaskPoint(TaskPointList* list, const TaskPoint& point) {
-  if (list->count >= list->capacity || list->items == nullptr) {
-    int32_t wanted = list->items == nullptr ? kTaskInitialSlots : list->capacity * 2;
-    auto* grown = static_cast<TaskPoint*>(std::malloc(sizeof(TaskPoint) * static_cast<size_t>(wanted)));
-    if (grown == nullptr) return false;
-    if (list->count > 0) std::memcpy(grown, list->items, sizeof(TaskPoint) * static_cast<size_t>(list->count));
-    std::free(list->items);
-    list->items = grown;
-    list->capacity = wanted;
-  }
+  if (GrowArray(&list->items, &list->capacity, list->count, kTaskInitialSlots) < 0) return false;
   list->items[list->count++] = point;
   return true;
 }
@@ -1036,23 +1017,15 @@ int32_t StoreWaypointSentence(FlymasterTransfer* t, uint32_t downloadTime) {
 }
 
 int32_t ReadWaypoints(FlymasterTransfer* t) {
-  if (StartWaypointList() < 0) {
-    std::printf("Memory allocation error\n");
-    return -1;
-  }
-  StartReception(t);
-  WriteComString(kWaypointCommand);
-  ProgressCounter progress("Waypoints: ", 0);
-  uint32_t downloadTime = GetCurrentGpsTime();
-  int32_t result = ReceiveUntilSilent(kTransferSilence, [t, &progress, downloadTime](uint8_t b) {
-    if (!TakeSentenceByte(t, b)) return 1;
-    if (StoreWaypointSentence(t, downloadTime) < 0) return -1;
-    if (tGps.nWaypoints % 10 == 0) progress.Update(tGps.nWaypoints);
-    return 1;
-  });
-  if (result < 0) return -1;
-  progress.Finish(tGps.nWaypoints);
-  return tGps.nWaypoints > 0 ? 0 : -1;
+  return ReceiveWaypoints(
+      kTransferSilence,
+      [t] {
+        StartReception(t);
+        WriteComString(kWaypointCommand);
+      },
+      [t](uint8_t b, uint32_t downloadTime) {
+        return TakeSentenceByte(t, b) ? StoreWaypointSentence(t, downloadTime) : 1;
+      });
 }
 
 void NormaliseName(const char* name, char* out) {
@@ -1065,16 +1038,10 @@ void NormaliseName(const char* name, char* out) {
 }
 
 int FormatWaypointSentence(const Waypoint& waypoint, bool withMarker, char* out) {
-  double latitude = 0, longitude = 0;
-  ConvertArcToGeoPos(waypoint.lLatitude, waypoint.lLongitude, &latitude, &longitude);
-  auto thousandths = [](double angle) { return TruncateToInt(std::fabs(angle) * kRadiansToMin1000 + 0.5); };
-  int32_t lat = thousandths(latitude);
-  int32_t lon = thousandths(longitude);
-  int32_t altitude = waypoint.lAltitude < 0 ? 0 : waypoint.lAltitude > 9999 ? 9999 : waypoint.lAltitude;
-  char body[80];
-  std::snprintf(body, sizeof body, "PFMWPR,%04d.%03d,%c,%05d.%03d,%c,,%-16.16s,%04d%s", lat / 60000 * 100 + lat / 1000 % 60,
-                lat % 1000, latitude < 0 ? 'S' : 'N', lon / 60000 * 100 + lon / 1000 % 60, lon % 1000,
-                longitude < 0 ? 'W' : 'E', waypoint.szComment, altitude, withMarker ? ",1" : "");
+  char position[32], body[80];
+  FormatWaypointPosition(waypoint, position, sizeof position);
+  std::snprintf(body, sizeof body, "PFMWPR,%s,,%-16.16s,%04d%s", position, waypoint.szComment,
+                WaypointSentenceAltitude(waypoint), withMarker ? ",1" : "");
   return FormatNmeaSentence(out, 80, body);
 }
 
@@ -1157,13 +1124,7 @@ int32_t DownloadFlymasterBulkTrackLog(TrackSaver save) {
     int32_t result = flymaster::ReadTrackList(t);
     if (result <= 0) return result;
     flymaster::TrackReader reader = flymaster::ChooseTrackReader(t);
-    for (int32_t track = 1; track <= t->trackCount; ++track) {
-      result = reader(t, track);
-      if (result < 0) break;
-      save();
-      ReleaseTrackLog();
-    }
-    return result;
+    return SaveEachTrack(t->trackCount, save, [t, reader](int32_t n) { return reader(t, n); });
   });
 }
 

@@ -26,42 +26,26 @@ constexpr int32_t kSignatureSize = 32;
 constexpr uint32_t kInstrumentEpoch = 315619200;
 
 // Control bytes of the older models' block transfer.
-constexpr uint8_t kBlockAccepted = 0xB1;
-constexpr uint8_t kBlockBadChecksum = 0xB2;
-constexpr uint8_t kTransferAborted = 0xB3;
+constexpr uint8_t kBlockAccepted = 0xB1, kBlockBadChecksum = 0xB2, kTransferAborted = 0xB3;
 
 // Record types of the firmware 2.02+ dumps (the record's first byte & 127).
 // Fixes come in two families: the first carries a pressure in tenths of a
 // hectopascal, the second the pressure altitude in metres.
 enum RecordType : uint8_t {
-  kDeltaFix = 8,
-  kFullFix = 19,
-  kDeltaFixAltitude = 72,
-  kDeltaFixAltitudeLong = 74,
-  kFullFixAltitude = 83,
-  kFullFixAltitudeLong = 85,
-  kEvent = 39,
-  kTaskHeader = 71,
-  kTaskPointRecord = 30,
-  kPilotRecord = 63,
-  kBuildRecord = 67,
-  kBuildRecordLong = 101,
+  kDeltaFix = 8, kFullFix = 19,  // first family
+  kDeltaFixAltitude = 72, kDeltaFixAltitudeLong = 74, kFullFixAltitude = 83, kFullFixAltitudeLong = 85,
+  kEvent = 39, kTaskHeader = 71, kTaskPointRecord = 30, kPilotRecord = 63,
+  kBuildRecord = 67, kBuildRecordLong = 101,
   kCounters = 49,  // two 64-bit values, not used
 };
 
 // Records of the pre-2.02 dumps, told apart by their length (the first
 // byte & 31); a record with any of the bits 96 set is not a fix.
-constexpr int32_t kDeltaFixLength = 8;
-constexpr int32_t kFullFixLength = 19;
-constexpr int32_t kTaskPointLength = 30;
-constexpr int32_t kEndOfRecords = 31;
+constexpr int32_t kDeltaFixLength = 8, kFullFixLength = 19, kTaskPointLength = 30, kEndOfRecords = 31;
 constexpr uint8_t kNotAFixBits = 96;
 
 // Block types of the older models.
-constexpr uint8_t kFlightInfoBlock = 0xA0;
-constexpr uint8_t kKeyPositionBlock = 0xA1;
-constexpr uint8_t kTrackPositionsBlock = 0xA2;
-constexpr uint8_t kEndBlock = 0xA3;
+constexpr uint8_t kFlightInfoBlock = 0xA0, kKeyPositionBlock = 0xA1, kTrackPositionsBlock = 0xA2, kEndBlock = 0xA3;
 
 // The older models' block decoder.
 struct DataBlock {

@@ -16,8 +16,7 @@
 namespace galileo {
 namespace {
 
-constexpr uint8_t kXon = 0x11;
-constexpr uint8_t kXoff = 0x13;
+constexpr uint8_t kXon = 0x11, kXoff = 0x13;
 
 // Every command starts with XON so that an instrument paused by XOFF listens.
 constexpr char kProductCommand[] = "\x11$PBRSNP,*21\r\n";
@@ -25,24 +24,18 @@ constexpr char kListCommand[] = "\x11$PBRTL,*74\r\n";
 constexpr char kNewestCommand[] = "\x11$PBRIGC,*21\r\n";
 constexpr char kWaypointCommand[] = "\x11$PBRWPS,*38\r\n";
 
-constexpr char kProductHead[] = "$PBRSNP,";
-constexpr char kListHead[] = "$PBRTL,";
-constexpr char kWaypointHead[] = "$PBRWPS,";
-constexpr int32_t kProductHeadLength = sizeof kProductHead - 1;
-constexpr int32_t kListHeadLength = sizeof kListHead - 1;
-constexpr int32_t kWaypointHeadLength = sizeof kWaypointHead - 1;
+// The heads of the answers, and their lengths.
+constexpr char kProductHead[] = "$PBRSNP,", kListHead[] = "$PBRTL,", kWaypointHead[] = "$PBRWPS,";
+constexpr int32_t kProductHeadLength = sizeof kProductHead - 1, kListHeadLength = sizeof kListHead - 1,
+                  kWaypointHeadLength = sizeof kWaypointHead - 1;
 
-// Silence that ends a stage, in microseconds.
-constexpr int64_t kProductSilence = 3000000;
-constexpr int64_t kTransferSilence = 2000000;
+// Silence that ends a stage; pauses after identification and between
+// uploaded waypoints (microseconds).
+constexpr int64_t kProductSilence = 3000000, kTransferSilence = 2000000;
+constexpr uint32_t kAfterProductSleep = 1000000, kUploadSpacing = 300000;
 
-constexpr int32_t kTextLimit = kTextSize - 1;
-constexpr int32_t kProductSize = 81;
-constexpr int32_t kPilotNameLimit = 50;
+constexpr int32_t kTextLimit = kTextSize - 1, kProductSize = 81, kPilotNameLimit = 50;
 constexpr int kSelectLineSize = 101;
-
-constexpr uint32_t kAfterProductSleep = 1000000;
-constexpr uint32_t kUploadSpacing = 300000;
 
 // Models that keep a flight list, and the firmware each needs for it
 // (compared as text, byte by byte); none: any firmware.
@@ -118,19 +111,40 @@ int32_t DecodeChecksumTail(GalileoTransfer* t, bool lowerCaseQuirk, int32_t line
 }
 
 // A fixed-column number of an IGC line; positions count from 1.
-bool ColumnUint(const char* line, int position, int width, uint32_t* value) {
+template <typename Value>
+bool Column(const char* line, int position, int width, int (*decode)(const char*, Value*), Value* value) {
   char field[8];
   std::memcpy(field, line + position - 1, static_cast<size_t>(width));
   field[width] = '\0';
-  return DecodeUintString(field, value) == 0;
+  return decode(field, value) == 0;
+}
+
+bool ColumnUint(const char* line, int position, int width, uint32_t* value) {
+  return Column(line, position, width, DecodeUintString, value);
 }
 
 bool ColumnInt(const char* line, int position, int width, int32_t* value) {
-  char field[8];
-  std::memcpy(field, line + position - 1, static_cast<size_t>(width));
-  field[width] = '\0';
-  return DecodeIntegerString(field, value) == 0;
+  return Column(line, position, width, DecodeIntegerString, value);
 }
+
+// The unsigned fields of a B record from its right end: column (from 1),
+// width, the error when it is no number, and the bound it must stay below
+// with the error beyond it (0: no bound). The hemisphere letter is checked
+// before the latitude's fields.
+struct FixField {
+  int column, width;
+  int32_t bad;
+  uint32_t below;
+  int32_t beyond;
+};
+constexpr FixField kFixFields[] = {
+    {21, 3, kBadLongitudeThousandths, 0, 0}, {19, 2, kBadLongitudeMinutes, 0, 0},
+    {16, 3, kBadLongitudeDegrees, 180, kLongitudeDegreesRange}, {12, 3, kBadLatitudeThousandths, 0, 0},
+    {10, 2, kBadLatitudeMinutes, 0, 0}, {8, 2, kBadLatitudeDegrees, 90, kLatitudeDegreesRange},
+    {6, 2, kBadSeconds, 60, kSecondsRange}, {4, 2, kBadMinutes, 60, kMinutesRange}, {2, 2, kBadHours, 24, kHoursRange},
+};
+constexpr int kFixFieldCount = sizeof kFixFields / sizeof kFixFields[0];
+constexpr int kLatitudeThousandthsField = 3;
 
 // A B record, decoded from its right end so that the rightmost bad field
 // is the one reported.
@@ -141,26 +155,18 @@ int32_t DecodeFix(GalileoTransfer* t) {
   if (!ColumnInt(s, 31, 5, &gnssAltitude)) return kBadAltitudeField;
   if (!ColumnInt(s, 26, 5, &pressureAltitude)) return kBadAltitudeField;
   if (s[23] != 'E' && s[23] != 'W') return kBadEastWest;
-  bool west = s[23] == 'W';
-  uint32_t lonThousandths = 0, lonMinutes = 0, lonDegrees = 0;
-  if (!ColumnUint(s, 21, 3, &lonThousandths)) return kBadLongitudeThousandths;
-  if (!ColumnUint(s, 19, 2, &lonMinutes)) return kBadLongitudeMinutes;
-  if (!ColumnUint(s, 16, 3, &lonDegrees)) return kBadLongitudeDegrees;
-  if (lonDegrees >= 180) return kLongitudeDegreesRange;
-  if (s[14] != 'N' && s[14] != 'S') return kBadNorthSouth;
-  bool south = s[14] == 'S';
-  uint32_t latThousandths = 0, latMinutes = 0, latDegrees = 0;
-  if (!ColumnUint(s, 12, 3, &latThousandths)) return kBadLatitudeThousandths;
-  if (!ColumnUint(s, 10, 2, &latMinutes)) return kBadLatitudeMinutes;
-  if (!ColumnUint(s, 8, 2, &latDegrees)) return kBadLatitudeDegrees;
-  if (latDegrees >= 90) return kLatitudeDegreesRange;
-  uint32_t hours = 0, minutes = 0, seconds = 0;
-  if (!ColumnUint(s, 6, 2, &seconds)) return kBadSeconds;
-  if (seconds >= 60) return kSecondsRange;
-  if (!ColumnUint(s, 4, 2, &minutes)) return kBadMinutes;
-  if (minutes >= 60) return kMinutesRange;
-  if (!ColumnUint(s, 2, 2, &hours)) return kBadHours;
-  if (hours >= 24) return kHoursRange;
+  const bool west = s[23] == 'W';
+  uint32_t v[kFixFieldCount] = {};
+  for (int i = 0; i < kFixFieldCount; ++i) {
+    const FixField& f = kFixFields[i];
+    if (i == kLatitudeThousandthsField && s[14] != 'N' && s[14] != 'S') return kBadNorthSouth;
+    if (!ColumnUint(s, f.column, f.width, &v[i])) return f.bad;
+    if (f.below != 0 && v[i] >= f.below) return f.beyond;
+  }
+  const bool south = s[14] == 'S';
+  const uint32_t lonThousandths = v[0], lonMinutes = v[1], lonDegrees = v[2];
+  const uint32_t latThousandths = v[3], latMinutes = v[4], latDegrees = v[5];
+  const uint32_t seconds = v[6], minutes = v[7], hours = v[8];
 
   double latitude =
       latDegrees * kDegreesToRadians + latMinutes * kMinutesToRadians + latThousandths * kMin1000ToRadians;
@@ -685,16 +691,10 @@ void FormatFlightCommand(int32_t flightNumber, char* out) {
 }
 
 int FormatWaypointSentence(const Waypoint& waypoint, char* out) {
-  double latitude = 0, longitude = 0;
-  ConvertArcToGeoPos(waypoint.lLatitude, waypoint.lLongitude, &latitude, &longitude);
-  auto thousandths = [](double angle) { return static_cast<int32_t>(std::fabs(angle) * kRadiansToMin1000 + 0.5); };
-  int32_t lat = thousandths(latitude);
-  int32_t lon = thousandths(longitude);
-  int32_t altitude = waypoint.lAltitude < 0 ? 0 : waypoint.lAltitude > 9999 ? 9999 : waypoint.lAltitude;
-  char body[80];
-  std::snprintf(body, sizeof body, "PBRWPR,%04d.%03d,%c,%05d.%03d,%c,,%-17.17s,%04d", lat / 60000 * 100 + lat / 1000 % 60,
-                lat % 1000, latitude < 0 ? 'S' : 'N', lon / 60000 * 100 + lon / 1000 % 60, lon % 1000,
-                longitude < 0 ? 'W' : 'E', waypoint.szComment, altitude);
+  char position[32], body[80];
+  FormatWaypointPosition(waypoint, position, sizeof position);
+  std::snprintf(body, sizeof body, "PBRWPR,%s,,%-17.17s,%04d", position, waypoint.szComment,
+                WaypointSentenceAltitude(waypoint));
   return FormatNmeaSentence(out, 80, body);
 }
 
@@ -812,40 +812,21 @@ int32_t ReadTrackLog(GalileoTransfer* t, int32_t flightNumber) {
 }
 
 int32_t ReadAllTrackLogs(GalileoTransfer* t, TrackSaver save) {
-  int32_t result = 0;
-  for (int32_t i = 0; i < kListEntries; ++i) {
-    if (t->list[i][0] == '\0') continue;
-    result = ReadTrackLog(t, i + 1);
-    if (result < 0) break;
-    save();
-    ReleaseTrackLog();
-  }
-  return result;
+  return SaveEachTrack(kListEntries, save, [t](int32_t n) { return t->list[n - 1][0] == '\0' ? 1 : ReadTrackLog(t, n); });
 }
 
 int32_t ReadWaypoints(GalileoTransfer* t) {
-  if (StartWaypointList() < 0) {
-    std::printf("Memory allocation error\n");
-    return -1;
-  }
-  StartStage(t, kWaypointCommand);
-  ProgressCounter progress("Waypoints: ", 0);
-  uint32_t now = GetCurrentGpsTime();
-  int32_t result = Receive(kTransferSilence, [t, &progress, now](uint8_t b) {
-    int32_t decoded = DecodeWptByte(t, b);
-    if (decoded < 0) {
-      std::printf(" Format error %d\n", -decoded);
-      return -1;
-    }
-    if (decoded == 0) {
-      if (StoreWaypoint(t, now) < 0) return -1;
-      if (tGps.nWaypoints % 10 == 0) progress.Update(tGps.nWaypoints);
-    }
-    return 1;
-  });
-  if (result < 0) return -1;
-  progress.Finish(tGps.nWaypoints);
-  return tGps.nWaypoints > 0 ? 0 : -1;
+  return ReceiveWaypoints(
+      kTransferSilence, [t] { StartStage(t, kWaypointCommand); },
+      [t](uint8_t b, uint32_t downloadTime) {
+        if (b == kXon || b == kXoff) return 1;
+        int32_t decoded = DecodeWptByte(t, b);
+        if (decoded < 0) {
+          std::printf(" Format error %d\n", -decoded);
+          return -1;
+        }
+        return decoded == 0 && StoreWaypoint(t, downloadTime) < 0 ? -1 : 1;
+      });
 }
 
 int32_t WriteWaypoints(GalileoTransfer*) {

@@ -19,129 +19,65 @@ enum DecoderState : uint32_t {
   kHunt = 0,  // waiting for "$"
   kHead = 1,  // matching the sentence head
   // Product data: the four fields, then the checksum.
-  kModel = 2,
-  kPilot = 3,
-  kSerial = 4,
-  kFirmware = 5,
-  kProductChecksum = 6,
+  kModel = 2, kPilot = 3, kSerial = 4, kFirmware = 5, kProductChecksum = 6,
   // Flight list: the five fields, then the checksum.
-  kListCount = 2,
-  kListIndex = 3,
-  kListDate = 4,
-  kListTime = 5,
-  kListDuration = 6,
-  kListChecksum = 7,
-  // Waypoints.
-  kLatitude = 2,
-  kLatitudeDecimals = 3,
-  kLatitudeHemisphere = 4,
-  kAfterLatitude = 5,
-  kLongitude = 6,
-  kLongitudeDecimals = 7,
-  kLongitudeHemisphere = 8,
-  kAfterLongitude = 9,
-  kIdentifier = 10,
-  kName = 11,
-  kAltitude = 12,
-  kChecksumHigh = 13,
-  kChecksumLow = 14,
-  kCarriageReturn = 15,
-  kLineFeed = 16,
+  kListCount = 2, kListIndex = 3, kListDate = 4, kListTime = 5, kListDuration = 6, kListChecksum = 7,
+  // Waypoints: each angle's digits, decimals, hemisphere and comma, the
+  // three texts, then the checksum and the line end.
+  kLatitude = 2, kLatitudeDecimals = 3, kLatitudeHemisphere = 4, kAfterLatitude = 5,
+  kLongitude = 6, kLongitudeDecimals = 7, kLongitudeHemisphere = 8, kAfterLongitude = 9,
+  kIdentifier = 10, kName = 11, kAltitude = 12,
+  kChecksumHigh = 13, kChecksumLow = 14, kCarriageReturn = 15, kLineFeed = 16,
 };
 
 // Format errors of the decoders; their numbers are what "Format error %d"
-// shows, so they never change.
+// shows, so they never change. Mostly two a field: a line end in it, and a
+// bad or overlong value.
 enum ProductError : int32_t {
-  kModelLineEnd = -1,
-  kBadModel = -2,
-  kPilotLineEnd = -3,
-  kBadPilot = -4,  // "Bad/missing user name"
-  kSerialLineEnd = -5,
-  kBadSerial = -7,
-  kFirmwareLineEnd = -8,
-  kBadFirmware = -9,
-  kProductChecksumLineEnd = -10,
-  kProductChecksumDigit = -11,
-  kProductNoCarriageReturn = -12,
-  kProductChecksumMismatch = -13,
-  kProductBadState = -14,
+  kModelLineEnd = -1, kBadModel = -2,
+  kPilotLineEnd = -3, kBadPilot = -4,  // "Bad/missing user name"
+  kSerialLineEnd = -5, kBadSerial = -7,
+  kFirmwareLineEnd = -8, kBadFirmware = -9,
+  kProductChecksumLineEnd = -10, kProductChecksumDigit = -11, kProductNoCarriageReturn = -12,
+  kProductChecksumMismatch = -13, kProductBadState = -14,
 };
 
 enum ListError : int32_t {
-  kCountLineEnd = -1,
-  kBadCount = -2,
-  kIndexLineEnd = -3,
-  kBadIndex = -4,
-  kDateLineEnd = -5,
-  kTimeLineEnd = -6,
-  kDurationLineEnd = -7,
-  kListChecksumLineEnd = -8,
-  kListChecksumDigit = -9,
-  kListNoCarriageReturn = -10,
-  kListChecksumMismatch = -11,
+  kCountLineEnd = -1, kBadCount = -2, kIndexLineEnd = -3, kBadIndex = -4,
+  kDateLineEnd = -5, kTimeLineEnd = -6, kDurationLineEnd = -7,
+  kListChecksumLineEnd = -8, kListChecksumDigit = -9, kListNoCarriageReturn = -10, kListChecksumMismatch = -11,
   kListBadState = -12,
 };
 
 enum WaypointError : int32_t {
-  kLatitudeTooLarge = -1,
-  kBadLatitude = -2,
-  kBadLatitudeDecimals = -3,
-  kBadLatitudeHemisphere = -4,
+  kLatitudeTooLarge = -1, kBadLatitude = -2, kBadLatitudeDecimals = -3, kBadLatitudeHemisphere = -4,
   kNoCommaAfterLatitude = -5,
-  kLongitudeTooLarge = -6,
-  kBadLongitude = -7,
-  kBadLongitudeDecimals = -8,
-  kBadLongitudeHemisphere = -9,
+  kLongitudeTooLarge = -6, kBadLongitude = -7, kBadLongitudeDecimals = -8, kBadLongitudeHemisphere = -9,
   kNoCommaAfterLongitude = -10,
-  kIdentifierLineEnd = -11,
-  kIdentifierTooLong = -12,
-  kNameLineEnd = -13,
-  kNameTooLong = -14,
-  kBadAltitude = -15,
-  kAltitudeTooLong = -16,
-  kWaypointChecksumHigh = -17,
-  kWaypointChecksumLow = -18,
-  kWaypointNoCarriageReturn = -19,
-  kWaypointChecksumMismatch = -20,
-  kWaypointNoLineFeed = -21,
+  kIdentifierLineEnd = -11, kIdentifierTooLong = -12, kNameLineEnd = -13, kNameTooLong = -14,
+  kBadAltitude = -15, kAltitudeTooLong = -16,
+  kWaypointChecksumHigh = -17, kWaypointChecksumLow = -18, kWaypointNoCarriageReturn = -19,
+  kWaypointChecksumMismatch = -20, kWaypointNoLineFeed = -21,
 };
 
-// Errors of the IGC lines of a flight, by field of the B record from its
-// right end; the date's come from the HFDTE line.
+// Errors of the IGC lines of a flight: the HFDTE date's, then the B record's
+// by field from its right end, then the A record's.
 enum LogError : int32_t {
-  kBadDateYear = -1,
-  kBadDateMonth = -2,
-  kDateMonthRange = -3,
-  kBadDateDay = -4,
-  kDateDayRange = -5,
+  kBadDateYear = -1, kBadDateMonth = -2, kDateMonthRange = -3, kBadDateDay = -4, kDateDayRange = -5,
   kNoRoomForPoint = -6,
   kBadAltitudeField = -7,
-  kBadLongitudeThousandths = -8,
-  kBadLongitudeMinutes = -9,
-  kBadLongitudeDegrees = -10,
-  kLongitudeDegreesRange = -11,
+  kBadLongitudeThousandths = -8, kBadLongitudeMinutes = -9, kBadLongitudeDegrees = -10, kLongitudeDegreesRange = -11,
   kBadEastWest = -12,
-  kBadLatitudeThousandths = -13,
-  kBadLatitudeMinutes = -14,
-  kBadLatitudeDegrees = -15,
-  kLatitudeDegreesRange = -16,
+  kBadLatitudeThousandths = -13, kBadLatitudeMinutes = -14, kBadLatitudeDegrees = -15, kLatitudeDegreesRange = -16,
   kBadNorthSouth = -17,
-  kBadSeconds = -18,
-  kSecondsRange = -19,
-  kBadMinutes = -20,
-  kMinutesRange = -21,
-  kBadHours = -22,
-  kHoursRange = -23,
-  kFixTooShort = -24,
-  kFixBeforeDate = -25,
-  kARecordTooShort = -28,
-  kBadARecord = -29,
+  kBadSeconds = -18, kSecondsRange = -19, kBadMinutes = -20, kMinutesRange = -21, kBadHours = -22, kHoursRange = -23,
+  kFixTooShort = -24, kFixBeforeDate = -25,
+  kARecordTooShort = -28, kBadARecord = -29,
 };
 
 constexpr int kTextSize = 81;          // model, pilot, serial, firmware: 80 + terminator
 constexpr int kLogSentenceSize = 102;  // an IGC line with its CR, without terminator
-constexpr int kListEntries = 100;
-constexpr int kListEntrySize = 40;
+constexpr int kListEntries = 100, kListEntrySize = 40;
 
 // One download's decoder record; the stages take turns with it.
 struct GalileoTransfer {

@@ -19,12 +19,11 @@ namespace {
 
 constexpr char kListCommand[] = "ACT_20_  \r\n";  // two blanks after the underscore
 
-// Silence that ends a stage, in microseconds.
-constexpr int64_t kAnswerSilence = 2000000;
-constexpr int64_t kListSilence = 1000000;
-constexpr int64_t kLogSilence = 1000000;
-constexpr uint64_t kByteProgressInterval = 1000000;
+// Silence that ends a stage, the pause after an answer and the progress
+// interval, in microseconds.
+constexpr int64_t kAnswerSilence = 2000000, kListSilence = 1000000, kLogSilence = 1000000;
 constexpr uint32_t kAfterAnswer = 200000;
+constexpr uint64_t kByteProgressInterval = 1000000;
 
 constexpr int32_t kPilotFieldLength = 50;
 constexpr int kSelectLineSize = 101;

@@ -18,18 +18,15 @@
 namespace leonardo {
 namespace {
 
-constexpr char kProductBody[] = "PDGFVID";
-constexpr char kListBody[] = "PDGFFLL";
-constexpr char kProductWord[] = "$PDGFVID";
-constexpr char kListWord[] = "$PDGFFLL";
+// The commands' bodies and the words their replies start with.
+constexpr char kProductBody[] = "PDGFVID", kListBody[] = "PDGFFLL";
+constexpr char kProductWord[] = "$PDGFVID", kListWord[] = "$PDGFFLL";
 
 // Silence that ends a stage without a reply, in microseconds.
-constexpr int64_t kProductSilence = 3000000;
-constexpr int64_t kTransferSilence = 2000000;
+constexpr int64_t kProductSilence = 3000000, kTransferSilence = 2000000;
 
 constexpr int32_t kPilotNameLimit = 50;
-constexpr int kSelectLineSize = 101;
-constexpr int kMaxProductFields = 10;
+constexpr int kSelectLineSize = 101, kMaxProductFields = 10;
 // The list's word, its count and the first entry: the entries are read
 // from the sentence itself, commas or not.
 constexpr int kMaxListFields = 3;
@@ -382,14 +379,7 @@ int32_t ReadTrackLog(LeonardoTransfer* t, int32_t flightNumber) {
 }
 
 int32_t ReadAllTrackLogs(LeonardoTransfer* t, TrackSaver save) {
-  int32_t result = 0;
-  for (int32_t number = 1; number <= t->flightCount; ++number) {
-    result = ReadTrackLog(t, number);
-    if (result < 0) break;
-    save();
-    ReleaseTrackLog();
-  }
-  return result;
+  return SaveEachTrack(t->flightCount, save, [t](int32_t n) { return ReadTrackLog(t, n); });
 }
 
 }  // namespace leonardo

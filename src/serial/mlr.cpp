@@ -16,23 +16,20 @@
 namespace mlr {
 namespace {
 
-constexpr char kIdentifyCommand[] = "$PMLR,26,01,01,0339\r\n";
-constexpr char kTrackCommand[] = "$PMLR,24,02,0101,0399\r\n";
-constexpr char kStopCommand[] = "$PMLR,06,00,02A9\r\n";
+constexpr char kIdentifyCommand[] = "$PMLR,26,01,01,0339\r\n", kTrackCommand[] = "$PMLR,24,02,0101,0399\r\n",
+               kStopCommand[] = "$PMLR,06,00,02A9\r\n";
 constexpr char kProductHead[] = "$PMLR,IDGPS,01,";
 constexpr int32_t kProductHeadLength = sizeof kProductHead - 1;
 
+// A binary frame starts with this byte and a kind word, or with none.
 constexpr uint8_t kFrameStartByte = 0x8B;
-constexpr char kStartWord[] = "DEBUT";
-constexpr char kEndWord[] = "FIN";
+constexpr char kStartWord[] = "DEBUT", kEndWord[] = "FIN";
 
 // Processor time, in microseconds.
-constexpr int64_t kProductTimeout = 3000000;
-constexpr int64_t kTransferSilence = 2000000;
+constexpr int64_t kProductTimeout = 3000000, kTransferSilence = 2000000;
 constexpr uint64_t kSpeedSwitchWait = 300000;
 
-constexpr int32_t kTrackSpeed = 38400;
-constexpr int32_t kIdleSpeed = 4800;
+constexpr int32_t kTrackSpeed = 38400, kIdleSpeed = 4800;
 constexpr int32_t kPointsPerProgress = 100;
 
 // Spins: a sleeping process spends almost no processor time.

@@ -71,12 +71,12 @@ constexpr uint32_t kV3Base = 34916;
 constexpr uint32_t kEvolutionBase = 1583024;
 constexpr uint32_t kStartValueStride = 2432;
 
+// The compressed container: a signature, then chunks of a 16-byte header
+// (id, options, size, Adler-32) and their data.
 constexpr uint8_t kContainerSignature[8] = {137, 54, 80, 75, 13, 10, 26, 10};
 constexpr uint32_t kChunkHeader = 16;
-constexpr uint16_t kChunkFileHeader = 1;
-constexpr uint16_t kChunkData = 17;
-constexpr uint16_t kStored = 0;
-constexpr uint16_t kCompressed = 1;
+constexpr uint16_t kChunkFileHeader = 1, kChunkData = 17;  // ids
+constexpr uint16_t kStored = 0, kCompressed = 1;           // options of a data chunk
 
 constexpr uint32_t kIdentificationPause = 200000;
 constexpr int kSelectLineSize = 81;
@@ -690,12 +690,7 @@ int32_t DownloadSyrideBulkTrackLog(TrackSaver save) {
   int32_t result = SyrideReadProductData(&device);
   if (result == 0) result = SyrideReadTrackList(&device);
   if (result == 0) {
-    for (int32_t i = 0; i < device.nFlights; ++i) {
-      result = ReadSelectedTrack(&device, i);
-      if (result < 0) break;
-      save();
-      ReleaseTrackLog();
-    }
+    result = SaveEachTrack(device.nFlights, save, [&device](int32_t n) { return ReadSelectedTrack(&device, n - 1); });
   }
   CloseHidDevice(&device);
   return result;

@@ -14,24 +14,18 @@ int32_t DownloadSyrideBulkTrackLog(TrackSaver save);
 
 namespace syride {
 
+// USB vendor and product ids of the three instruments.
 constexpr uint16_t kVendorId = 0x0483;
-constexpr uint16_t kProductNav = 0x5753;
-constexpr uint16_t kProductNavV3 = 0x5754;
-constexpr uint16_t kProductEvolution = 0x5758;
+constexpr uint16_t kProductNav = 0x5753, kProductNavV3 = 0x5754, kProductEvolution = 0x5758;
 
-constexpr int kReportSize = 64;
-constexpr int kPayloadSize = 61;  // input bytes 1 to 61
-constexpr int kStatusByte = 62;
-constexpr int kChecksumByte = 63;
+// A report: byte 0 the report id, then the payload (input bytes 1 to 61),
+// the status byte (kStatusValid for a good answer) and the checksum.
+constexpr int kReportSize = 64, kPayloadSize = 61, kStatusByte = 62, kChecksumByte = 63;
 constexpr uint8_t kStatusValid = 0x17;
 
-constexpr uint8_t kCommandSerialNumber = 0;
-constexpr uint8_t kCommandFlightCount = 3;
-constexpr uint8_t kCommandFlightEntry = 5;
-constexpr uint8_t kCommandReadMemory = 6;
-constexpr uint8_t kCommandVersion = 9;
-constexpr uint8_t kCommandWriteBuffer = 11;
-constexpr uint8_t kCommandCommitBuffer = 13;
+// Command codes, in byte 1 of the output report.
+constexpr uint8_t kCommandSerialNumber = 0, kCommandFlightCount = 3, kCommandFlightEntry = 5, kCommandReadMemory = 6;
+constexpr uint8_t kCommandVersion = 9, kCommandWriteBuffer = 11, kCommandCommitBuffer = 13;
 constexpr uint8_t kCommandEraseSubSector = 29;
 
 constexpr uint32_t kEvolutionBlockSize = 512;

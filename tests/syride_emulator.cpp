@@ -318,12 +318,12 @@ Installed::~Installed() {
 std::vector<Consumers::Saved> Consumers::saved;
 
 int32_t Consumers::Save() {
-  Consumers::Saved saved{tGps.nTrackPoints, 0, 0, tGps.nRawLogLength};
+  Saved track{tGps.nTrackPoints, 0, 0, tGps.nRawLogLength};
   if (tGps.nTrackPoints > 0) {
-    saved.firstTime = tGps.pTrackPoints[0].dwTime;
-    saved.lastTime = tGps.pTrackPoints[tGps.nTrackPoints - 1].dwTime;
+    track.firstTime = tGps.pTrackPoints[0].dwTime;
+    track.lastTime = tGps.pTrackPoints[tGps.nTrackPoints - 1].dwTime;
   }
-  Consumers::saved.push_back(saved);
+  saved.push_back(track);
   return 0;
 }
 

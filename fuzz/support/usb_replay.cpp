@@ -10,6 +10,7 @@
 #include <libusb.h>
 #pragma GCC diagnostic pop
 
+#include "core/bytes.h"
 #include "core/run.h"
 #include "fuzz_support.h"
 #include "igc/igc.h"

@@ -13,6 +13,7 @@
 
 #include "core/run.h"
 #include "fuzz_support.h"
+#include "core/bytes.h"
 #include "usb/fastlz.h"
 #include "usb/syride.h"
 

@@ -13,6 +13,7 @@
 #include "geo/time.h"
 #include "igc/igc.h"
 #include "output/google.h"
+#include "output/replace.h"
 #include "track/analysis.h"
 
 namespace {
@@ -84,29 +85,6 @@ int StartText(TextBuffer* text) {
 bool FileExists(const char* name) {
   FileHandle file(std::fopen(name, "rb"));
   return file != nullptr;
-}
-
-// Writes `length` bytes as the whole new content of `name`, in one write. A
-// write that fails part-way removes the file, so that no truncated file is
-// left where a complete one is expected.
-int WriteWholeFile(const char* name, const char* data, size_t length, const char* openFailure,
-                   const char* writeFailure) {
-  FILE* file = std::fopen(name, "wb");
-  if (file == nullptr) {
-    std::printf(openFailure, name);
-    return -1;
-  }
-  std::setvbuf(file, nullptr, _IONBF, 0);
-  struct stat info {};
-  const bool regular = fstat(fileno(file), &info) == 0 && S_ISREG(info.st_mode);
-  bool written = std::fwrite(data, 1, length, file) == length;
-  written = std::fclose(file) == 0 && written;
-  if (!written) {
-    std::printf(writeFailure, name);
-    if (regular) std::remove(name);
-    return -1;
-  }
-  return 0;
 }
 
 // Common end of the waypoint writers, once the text is complete.

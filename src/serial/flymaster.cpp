@@ -15,6 +15,7 @@
 #include "link/com.h"
 #include "link/receive.h"
 #include "link/string.h"
+#include "output/replace.h"
 
 namespace flymaster {
 namespace {
@@ -750,14 +751,9 @@ int32_t SaveDebugData(const uint8_t* bytes, int32_t length) {
     return -1;
   }
   for (int32_t i = 0; i < length; ++i) scrambled.get()[i] = bytes[i] ^ abScramble[i % kDebugKeySize];
-  FILE* file = std::fopen(kDebugFileName, "wb");
-  if (file == nullptr) {
-    std::printf("Saving debug data: Failed to create debug file\n");
-    return -1;
-  }
-  size_t written = std::fwrite(scrambled.get(), 1, static_cast<size_t>(length), file);
-  if (std::fclose(file) != 0 || written != static_cast<size_t>(length)) {
-    std::printf("Saving debug data: Failed to create debug file\n");
+  constexpr char kFailed[] = "Saving debug data: Failed to create debug file\n";
+  if (WriteWholeFile(kDebugFileName, reinterpret_cast<const char*>(scrambled.get()), static_cast<size_t>(length),
+                     kFailed, kFailed) < 0) {
     return -1;
   }
   std::printf("Debug file %s written\n", kDebugFileName);

@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <pthread.h>
+#include <sys/file.h>
 #include <termios.h>
 #include <unistd.h>
 
@@ -80,6 +81,14 @@ int32_t OpenComPort(int32_t baud) {
     return 0;
   }
   int fd = open(tGps.szComPort, O_RDWR | O_NONBLOCK | O_NOCTTY);
+  // One program a port: a second one is turned away as if the port were not
+  // there. An advisory lock holds for root too, unlike the terminal's own
+  // exclusive mode, and a link in /dev leads to the same device and lock.
+  // Closing the port (or the end of the process) releases it.
+  if (fd >= 0 && flock(fd, LOCK_EX | LOCK_NB) != 0) {
+    close(fd);
+    fd = -1;
+  }
   if (fd < 0) {
     if (!tGps.bSilent) std::printf("Could not open COM port %s\n", tGps.szComPort);
     return -1;

@@ -1,11 +1,14 @@
 // kestrix-sim: serves a simulated instrument on a pseudo-terminal until
 // stopped, so that kestrix can be tried and tested without the hardware.
 #include <signal.h>
+#include <unistd.h>
 
+#include <atomic>
 #include <cstdio>
 #include <cstring>
 #include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "sim/sim.h"
@@ -133,17 +136,17 @@ int Parse(int argc, char** argv, Options* o) {
 
 int main(int argc, char** argv) {
   setvbuf(stdout, nullptr, _IOLBF, 0);
+  // Blocked from the start, so that a signal during the set-up waits for the
+  // sigwait below; the simulator's thread inherits the mask.
+  sigset_t stopSignals;
+  sigemptyset(&stopSignals);
+  for (int signal : {SIGINT, SIGTERM, SIGHUP}) sigaddset(&stopSignals, signal);
+  pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
+
   Options options;
   int status = Parse(argc, argv, &options);
   if (status == kHelpShown) return 0;
   if (status != 0) return status;
-
-  // The simulator's thread inherits the mask: only sigwait below sees them.
-  sigset_t stopSignals;
-  sigemptyset(&stopSignals);
-  sigaddset(&stopSignals, SIGINT);
-  sigaddset(&stopSignals, SIGTERM);
-  pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
 
   sim::Simulator simulator(options.family->create(options.settings), options.flat ? 0 : options.family->baud,
                            options.faults);
@@ -167,8 +170,21 @@ int main(int argc, char** argv) {
 
   int received = 0;
   sigwait(&stopSignals, &received);
-  simulator.Stop();
+  // The first signal ends the simulator whatever the instrument is doing:
+  // the link goes at once, and a serving thread that does not stop within
+  // a second is not waited for.
   link.reset();
+  std::atomic<bool> stopped{false};
+  std::thread stopper([&simulator, &stopped] {
+    simulator.Stop();
+    stopped = true;
+  });
+  for (int waited = 0; waited < 100 && !stopped; ++waited) usleep(10000);
   std::printf("Stopped\n");
+  if (!stopped) {
+    std::fflush(stdout);
+    _exit(0);
+  }
+  stopper.join();
   return 0;
 }

@@ -94,33 +94,6 @@ struct Scenario {
   std::vector<std::string> trace{};               // the instrument's notes
 };
 
-// Empty when /dev/cu.<name> links can be made here; else why not.
-std::string PortLinkProblem();
-// A name for /dev/cu.<name> that no other test uses.
-std::string UniquePortName();
-// kestrix-sim as a user runs it, in the background.
-class SimProgram {
- public:
-  // Starts it with `args` (the family first) and waits up to ten seconds
-  // for its greeting, which ends in "Stop with Ctrl-C\n".
-  explicit SimProgram(const std::vector<std::string>& args);
-  // Stops it if Stop() was not called.
-  ~SimProgram();
-  SimProgram(const SimProgram&) = delete;
-  SimProgram& operator=(const SimProgram&) = delete;
-  const std::string& greeting() const { return greeting_; }
-  // Stops it with SIGTERM and returns what it printed after the greeting
-  // up to its "Stopped\n"; `status` gets its exit status (-1: no normal exit).
-  std::string Stop(int* status);
-
- private:
-  std::string ReadUntil(const std::string& marker);
-
-  int pid_ = -1;
-  int out_ = -1;
-  std::string greeting_;
-};
-
 // Runs every scenario at the same time, each with its own instrument and
 // folder, so that the silence limits are waited out once.
 void RunScenarios(std::vector<Scenario>* scenarios);

@@ -1,6 +1,10 @@
-// Shared test helpers: temporary folders, running the program, capturing output.
+// The shared test library: temporary folders, running the program (as a
+// process or in this one), the simulator program, digests and escapes.
 #pragma once
 
+#include <unistd.h>
+
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -26,9 +30,65 @@ struct RunResult {
   int status = -1;  // exit status, or -1 when the program did not exit normally
 };
 
-// Runs the built program in `cwd` with `args`, feeding `input` on standard input.
-RunResult RunKestrix(const std::vector<std::string>& args, const std::string& cwd,
-                     const std::string& input = "");
+// Runs the built program in `cwd` with `args`, feeding `input` on standard
+// input; with `fileSizeLimit` above 0 it may write no more bytes to a file
+// (RLIMIT_FSIZE, with SIGXFSZ ignored, so that the write fails part-way).
+RunResult RunKestrix(const std::vector<std::string>& args, const std::string& cwd, const std::string& input = "",
+                     long fileSizeLimit = 0);
+
+// The same command line run by KestrixMain in this process, in `cwd`, with
+// the calendar frozen at kFrozenUtc (the wall and processor clocks run), so
+// that files carrying the download time come out the same every time.
+RunResult RunInProcess(const std::vector<std::string>& args, const std::string& cwd, const std::string& input = "");
+constexpr int64_t kFrozenUtc = 1714572429;  // 2024-05-01 14:07:09 UTC
+
+// Empty when /dev/cu.<name> links can be made here; else why not.
+std::string PortLinkProblem();
+// A name for /dev/cu.<name> that no other test uses (shorter than 22).
+std::string UniquePortName();
+// Tests that need /dev/cu.<name> links skip with the reason where they
+// cannot be made, but must run as root (as CI does): there they fail.
+#define REQUIRE_PORT_LINKS()                                                        \
+  do {                                                                              \
+    const std::string problem = ::test::PortLinkProblem();                         \
+    if (!problem.empty()) {                                                         \
+      if (geteuid() == 0) FAIL() << "port links must work as root: " << problem;    \
+      GTEST_SKIP() << "no /dev/cu. links here (" << problem << ")";                 \
+    }                                                                               \
+  } while (0)
+
+// kestrix-sim as a user runs it, in the background.
+class SimProgram {
+ public:
+  // Starts it with `args` (the family first) and waits up to ten seconds
+  // for its greeting, which ends in "Stop with Ctrl-C\n".
+  explicit SimProgram(const std::vector<std::string>& args);
+  ~SimProgram();  // stops it if Stop() was not called
+  SimProgram(const SimProgram&) = delete;
+  SimProgram& operator=(const SimProgram&) = delete;
+  const std::string& greeting() const { return greeting_; }
+  int pid() const { return pid_; }
+  // Sends `signal` and returns what it printed after the greeting up to its
+  // "Stopped\n"; `status` gets its exit status (-1: no normal exit).
+  std::string Stop(int* status, int signal = 15);
+
+ private:
+  std::string ReadUntil(const std::string& marker);
+
+  int pid_ = -1;
+  int out_ = -1;
+  std::string greeting_;
+};
+
+// SHA-256 of `bytes` in lower-case hex.
+std::string Sha256(const std::string& bytes);
+// C escapes (\n \r \t \b \\ \xHH) in and out, for expected texts kept as data;
+// Escape leaves line feeds as they are.
+std::string Unescape(const std::string& text);
+std::string Escape(const std::string& bytes);
+// The names in `folder` (sorted), and a file of tests/data.
+std::vector<std::string> FilesIn(const std::string& folder);
+std::string DataFile(const std::string& relative);
 
 std::string ReadFile(const std::string& path);
 

@@ -1,0 +1,3 @@
+$FormatGEO
+COL N 46 30 15.00 E 007 15 30.00 1250 Col d'Aze [A]
+LOW S 33 30 00.00 W 070 15 00.00 12 low meadow

@@ -29,6 +29,7 @@ struct Case {
   std::vector<std::string> sim;  // kestrix-sim's words, the family first
   std::vector<std::pair<std::string, std::string>> copies;  // data path, name in the folder
   std::vector<std::pair<std::string, std::string>> texts;   // name, contents
+  std::vector<std::string> folders;
   std::vector<std::string> args;
   std::string input;
   long limit = 0;
@@ -43,13 +44,18 @@ struct Case {
 
 void PrintTo(const Case& c, std::ostream* os) { *os << c.name; }
 
-// Words as a shell splits them, with double quotes only.
+// Words as a shell splits them, with double quotes only; escapes in them
+// (\" a quote that stays) are read as in blocks.
 std::vector<std::string> Words(const std::string& line) {
   std::vector<std::string> words;
   std::string word;
   bool quoted = false, any = false;
-  for (char c : line) {
-    if (c == '"') {
+  for (size_t i = 0; i < line.size(); ++i) {
+    const char c = line[i];
+    if (c == '\\' && i + 1 < line.size()) {
+      word += line.substr(i++, 2);
+      any = true;
+    } else if (c == '"') {
       quoted = !quoted;
       any = true;
     } else if (c == ' ' && !quoted) {
@@ -62,6 +68,7 @@ std::vector<std::string> Words(const std::string& line) {
     }
   }
   if (any) words.push_back(word);
+  for (std::string& w : words) w = test::Unescape(w);
   return words;
 }
 
@@ -110,6 +117,8 @@ std::vector<Case> ReadCases() {
         c.sim = words;
       } else if (key == "copy") {
         c.copies.emplace_back(words.at(0), words.size() > 1 ? words[1] : std::filesystem::path(words[0]).filename().string());
+      } else if (key == "folder") {
+        c.folders.push_back(rest);
       } else if (key == "text") {
         c.texts.emplace_back(rest, Block(in, &line));
       } else if (key == "run") {
@@ -168,6 +177,7 @@ TEST_P(Cases, RunAsExpected) {
   const Case& c = GetParam();
   SCOPED_TRACE(c.where);
   test::TempDir folder;
+  for (const std::string& name : c.folders) std::filesystem::create_directories(folder.File(name));
   for (const auto& [from, name] : c.copies) std::filesystem::copy_file(test::DataFile(from), folder.File(name));
   for (const auto& [name, text] : c.texts) folder.Write(name, text);
 

@@ -13,7 +13,7 @@
 #include "core/clock.h"
 #include "core/run.h"
 #include "driver/families.h"
-#include "fuzz_support.h"
+#include "driver/main.h"
 #include "geo/conv.h"
 #include "link/com.h"
 #include "output/file.h"
@@ -24,7 +24,7 @@
 #include "serial/leonardo.h"
 #include "serial/mlr.h"
 
-namespace fuzz::serial {
+namespace replay {
 
 namespace {
 
@@ -122,7 +122,8 @@ void LoadWaypoints() {
 }
 
 void Prepare(const Action& action, uint8_t flight) {
-  FreshRunParameters();
+  ResetRunParameters();
+  SetDefaultParameters();
   static bool quietInput = false;
   if (!quietInput) {
     // A question to the user reads an empty line instead of waiting.
@@ -178,7 +179,7 @@ const std::vector<Action>& Actions() {
   return actions;
 }
 
-Outcome Replay(const uint8_t* data, size_t size) {
+Outcome Replay(const uint8_t* data, size_t size, bool save) {
   if (size < 2) return {0, 0, 0, 0};
   const Action& action = Actions()[data[0] % Actions().size()];
   Prepare(action, data[1]);
@@ -189,7 +190,16 @@ Outcome Replay(const uint8_t* data, size_t size) {
     if (at == std::string_view::npos) break;
     rest.remove_prefix(at + std::strlen(kSeparator));
   }
-  const int32_t result = Finish(Run(action));
+  int32_t result = 0;
+  if (save && action.command != kCommandUploadWaypoints) {
+    // As a command line without a name asks: both track files, or all
+    // three waypoint files, named by the program.
+    tGps.dwFileTypes = action.command == kCommandDownloadWaypoints ? 7u : 3u;
+    MainProgram();
+  } else {
+    result = Run(action);
+  }
+  Finish(0);
   return {result, session.opens, session.closes, session.commands};
 }
 
@@ -218,4 +228,4 @@ std::string Record(size_t action, uint8_t flight, const std::string& device) {
   return script;
 }
 
-}  // namespace fuzz::serial
+}  // namespace replay

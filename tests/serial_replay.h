@@ -14,7 +14,7 @@
 #include <string>
 #include <vector>
 
-namespace fuzz::serial {
+namespace replay {
 
 inline constexpr char kSeparator[] = "#~#";
 
@@ -34,11 +34,12 @@ struct Outcome {
   size_t commands;  // writes of the program
 };
 
-// Plays the script against the program's module.
-Outcome Replay(const uint8_t* data, size_t size);
+// Plays the script against the program's module; with `save` a download
+// runs as the dispatch runs it, saving its files in the current folder.
+Outcome Replay(const uint8_t* data, size_t size, bool save = false);
 
 // Runs action `action` against a live instrument on the terminal `device`
 // (a simulator's) and returns the script that replays that conversation.
 std::string Record(size_t action, uint8_t flight, const std::string& device);
 
-}  // namespace fuzz::serial
+}  // namespace replay

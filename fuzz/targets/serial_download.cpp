@@ -1,5 +1,5 @@
 // Whole serial downloads and waypoint transfers of every family against an
-// instrument that replays the input (layout in support/serial_replay.h):
+// instrument that replays the input (layout in tests/serial_replay.h):
 // identification, list, selection, the track or waypoint stages and, for
 // the all-tracks commands, the saving checks, on a replayed clock.
 // fuzz-dict: serial.dict
@@ -12,7 +12,7 @@
 #include "serial_replay.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  const fuzz::serial::Outcome outcome = fuzz::serial::Replay(data, size);
+  const replay::Outcome outcome = replay::Replay(data, size);
   if (size < 2) return 0;
   FUZZ_CHECK(outcome.result <= 0);
   // Every way out closes what it opened.

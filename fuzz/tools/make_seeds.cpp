@@ -159,7 +159,7 @@ void SerialSeeds(const std::filesystem::path& root) {
   if (!sim::ReadOziWaypoints(ReadText(root / "tests/data/waypoints/golden.wpt"), &waypoints)) {
     throw std::runtime_error("cannot read the seed waypoints");
   }
-  const std::vector<fuzz::serial::Action>& actions = fuzz::serial::Actions();
+  const std::vector<replay::Action>& actions = replay::Actions();
   for (size_t a = 0; a < actions.size(); ++a) {
     const std::string name = actions[a].name;
     const std::string family = name.substr(0, name.find('-'));
@@ -170,7 +170,7 @@ void SerialSeeds(const std::filesystem::path& root) {
     sim::Simulator simulator(f->create(settings), 0);
     if (simulator.Start() != 0) throw std::runtime_error(simulator.error());
     // -f2, the older of the two flights.
-    const std::string script = fuzz::serial::Record(a, 3, simulator.path());
+    const std::string script = replay::Record(a, 3, simulator.path());
     simulator.Settle();
     simulator.Stop();
     if (script.size() <= 2) throw std::runtime_error("nothing recorded for " + name);

@@ -1,0 +1,41 @@
+// The three searches: free distance, flat triangle, FAI triangle.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <vector>
+
+#include "score/geometry.h"
+#include "score/rules.h"
+
+namespace score {
+
+struct Deadline {
+  std::chrono::steady_clock::time_point at = std::chrono::steady_clock::time_point::max();
+  bool Passed() const { return std::chrono::steady_clock::now() >= at; }
+};
+
+enum class ShapeKind { kFree, kFlat, kFai };
+
+// A best shape. Point indices refer to Flight::fixes; metres throughout.
+struct Shape {
+  ShapeKind kind = ShapeKind::kFree;
+  bool found = false;    // false: no such shape in the flight
+  bool optimal = false;  // the bound met the score
+  double score = 0.0;    // multiplier x (distance - deducted gap)
+  double bound = 0.0;    // no shape of this kind scores more
+  double distance = 0.0;
+  double gap = 0.0;
+  double multiplier = 1.0;
+  const char* name = "";  // which closing tier scored
+  // Free distance: start, three turnpoints, finish. Triangles: the three
+  // turnpoints, then the closing start and end.
+  std::vector<int32_t> points;
+  std::vector<double> legs;  // free: 4; triangles: 3 (tp1-tp2, tp2-tp3, tp3-tp1)
+};
+
+Shape FindFreeDistance(const Geometry& geometry, const BoxTree& tree, const RuleSet& rules, const Deadline& deadline);
+Shape FindTriangle(const Geometry& geometry, const BoxTree& tree, const RuleSet& rules, bool fai,
+                   const Deadline& deadline);
+
+}  // namespace score

@@ -170,7 +170,7 @@ double FreeDistance::TwoLegBound(uint32_t j, const double* p, bool forward, doub
   };
   Item stack[130];
   int top = 0;
-  stack[top++] = {1, std::numeric_limits<double>::infinity()};
+  stack[top++] = {1, TwoLegs(1, p, side, best)};
   while (top > 0) {
     const Item item = stack[--top];
     if (item.bound <= best) continue;
@@ -271,7 +271,7 @@ Shape FreeDistance::Run(const Deadline& deadline) {
     bool operator<(const Item& other) const { return bound < other.bound; }
   };
   std::priority_queue<Item> queue;
-  queue.push({std::numeric_limits<double>::infinity(), 1});
+  queue.push({RouteBound(1, best), 1});
   shape.optimal = true;
   while (!queue.empty()) {
     const Item item = queue.top();

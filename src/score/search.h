@@ -34,8 +34,19 @@ struct Shape {
   std::vector<double> legs;  // free: 4; triangles: 3 (tp1-tp2, tp2-tp3, tp3-tp1)
 };
 
+struct Scores {
+  Shape free, flat, fai;
+};
+
+// The three searches of a flight's fixes, side by side on threads.
+Scores ScoreFlight(const std::vector<Fix>& fixes, const RuleSet& rules, Earth earth, const Deadline& deadline);
+
+class ClosingTable;
+
+// The searches one by one.
 Shape FindFreeDistance(const Geometry& geometry, const BoxTree& tree, const RuleSet& rules, const Deadline& deadline);
-Shape FindTriangle(const Geometry& geometry, const BoxTree& tree, const RuleSet& rules, bool fai,
-                   const Deadline& deadline);
+Shape FindTriangle(const ClosingTable& closing, const RuleSet& rules, bool fai, const Deadline& deadline);
+// The longest gap any triangle of the flight could close with.
+double LongestGap(const RuleSet& rules, const Geometry& geometry, const BoxTree& tree);
 
 }  // namespace score

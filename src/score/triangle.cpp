@@ -10,7 +10,7 @@
 #include <algorithm>
 #include <cmath>
 #include <limits>
-#include <memory>
+#include <thread>
 
 #include "score/closing.h"
 #include "score/search.h"
@@ -25,13 +25,11 @@ double Limit(const Tier& tier, double perimeter) { return std::max(tier.fixedKm 
 
 class TriangleSearch {
  public:
-  TriangleSearch(const Geometry& g, const BoxTree& t, const RuleSet& rules, bool fai)
-      : g_(g), t_(t), n_(g.size()), fai_(fai), faiLeg_(rules.faiLeg) {
+  TriangleSearch(const ClosingTable& table, const RuleSet& rules, bool fai)
+      : g_(table.geometry()), t_(table.tree()), n_(g_.size()), fai_(fai), faiLeg_(rules.faiLeg),
+        longestGap_(table.limit()), closing_(table) {
     const Tier* tiers = fai ? rules.fai : rules.flat;
     tiers_.assign(tiers, tiers + (fai ? rules.faiTiers : rules.flatTiers));
-    // The longest gap any triangle of this flight could close with.
-    const double perimeter = 3.0 * g_.Upper(std::sqrt(t_.Max2(1, 1)));
-    for (const Tier& tier : tiers_) longestGap_ = std::max(longestGap_, Limit(tier, perimeter));
   }
 
   Shape Run(const Deadline& deadline);
@@ -60,8 +58,8 @@ class TriangleSearch {
   const bool fai_;
   const double faiLeg_;
   std::vector<Tier> tiers_;
-  double longestGap_ = 0.0;
-  std::unique_ptr<Closing> closing_;
+  const double longestGap_;
+  Closing closing_;
   std::vector<Node> heap_;
   double best_ = kNone;
   int32_t corners_[3] = {0, 0, 0};
@@ -113,18 +111,18 @@ double TriangleSearch::Bound(uint32_t a, uint32_t b, uint32_t c) {
   // The latest a and the earliest c close best.
   const int32_t x = std::min({t_.Last(a), t_.Last(b) - 1, t_.Last(c) - 2});
   const int32_t y = std::max({t_.First(c), t_.First(b) + 1, t_.First(a) + 2});
-  double gap = closing_->Lower(x, y);
+  double gap = closing_.Lower(x, y);
   if (gap > longestGap_) return kNone;
   // Within one block pair the exact gaps are worth making.
-  if (t_.Last(a) - t_.First(a) < closing_->block() && t_.Last(c) - t_.First(c) < closing_->block() &&
+  if (t_.Last(a) - t_.First(a) < closing_.block() && t_.Last(c) - t_.First(c) < closing_.block() &&
       ScoreBound(perimeter, gap) > best_) {
-    gap = closing_->Exact(x, y);
+    gap = closing_.Exact(x, y);
   }
   return ScoreBound(perimeter, gap);
 }
 
 void TriangleSearch::Leaf(int32_t a, int32_t b, int32_t c) {
-  const double gap = closing_->Exact(a, c);
+  const double gap = closing_.Exact(a, c);
   const double ab = g_.Distance(a, b), bc = g_.Distance(b, c), ca = g_.Distance(c, a);
   const double perimeter = ab + bc + ca;
   if (fai_ && std::min({ab, bc, ca}) < faiLeg_ * perimeter) return;
@@ -170,7 +168,6 @@ Shape TriangleSearch::Run(const Deadline& deadline) {
   shape.kind = fai_ ? ShapeKind::kFai : ShapeKind::kFlat;
   shape.optimal = true;
   if (n_ < 3) return shape;
-  closing_ = std::make_unique<Closing>(g_, t_, longestGap_);
 
   // A first triangle: follow the best child down from the whole flight.
   Node dive{0.0, 1, 1, 1};
@@ -218,7 +215,7 @@ Shape TriangleSearch::Run(const Deadline& deadline) {
   shape.found = true;
   const int32_t a = corners_[0], b = corners_[1], c = corners_[2];
   int32_t s = 0, e = 0;
-  closing_->Pair(a, c, &s, &e);
+  closing_.Pair(a, c, &s, &e);
   shape.points = {a, b, c, s, e};
   shape.legs = {g_.Distance(a, b), g_.Distance(b, c), g_.Distance(c, a)};
   shape.distance = shape.legs[0] + shape.legs[1] + shape.legs[2];
@@ -234,10 +231,30 @@ Shape TriangleSearch::Run(const Deadline& deadline) {
 
 }  // namespace
 
-Shape FindTriangle(const Geometry& geometry, const BoxTree& tree, const RuleSet& rules, bool fai,
-                   const Deadline& deadline) {
-  TriangleSearch search(geometry, tree, rules, fai);
+Shape FindTriangle(const ClosingTable& closing, const RuleSet& rules, bool fai, const Deadline& deadline) {
+  TriangleSearch search(closing, rules, fai);
   return search.Run(deadline);
+}
+
+double LongestGap(const RuleSet& rules, const Geometry& geometry, const BoxTree& tree) {
+  const double perimeter = 3.0 * geometry.Upper(std::sqrt(tree.Max2(1, 1)));
+  double longest = 0.0;
+  for (int k = 0; k < rules.flatTiers; ++k) longest = std::max(longest, Limit(rules.flat[k], perimeter));
+  for (int k = 0; k < rules.faiTiers; ++k) longest = std::max(longest, Limit(rules.fai[k], perimeter));
+  return longest;
+}
+
+Scores ScoreFlight(const std::vector<Fix>& fixes, const RuleSet& rules, Earth earth, const Deadline& deadline) {
+  const Geometry geometry(fixes, earth);
+  const BoxTree tree(geometry);
+  const ClosingTable closing(geometry, tree, LongestGap(rules, geometry, tree));
+  Scores scores;
+  std::thread free([&] { scores.free = FindFreeDistance(geometry, tree, rules, deadline); });
+  std::thread fai([&] { scores.fai = FindTriangle(closing, rules, true, deadline); });
+  scores.flat = FindTriangle(closing, rules, false, deadline);
+  fai.join();
+  free.join();
+  return scores;
 }
 
 }  // namespace score

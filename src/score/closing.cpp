@@ -12,6 +12,7 @@ constexpr double kFar = std::numeric_limits<double>::infinity();
 // boxes' distance stands in, and a tile's corner is searched when needed.
 constexpr double kCoarseExact = 5000.0;
 constexpr int32_t kMostBlocks = 2048;
+constexpr size_t kMostTiles = 4096;  // made again when needed after this many
 
 // The float nearest below.
 float Down(double value) {
@@ -194,6 +195,7 @@ void Closing::MakeTile(int32_t i, int32_t j) {
       out[c] = running;
     }
   }
+  if (tiles_.size() >= kMostTiles) tiles_.clear();
   tiles_.emplace(Key(i, j), std::move(tile));
 }
 

@@ -30,8 +30,9 @@ namespace {
 constexpr double kNone = -std::numeric_limits<double>::infinity();
 
 // Greatest leaf(i) over fixes i in [from, to], where bound(node) is at least
-// leaf(i) for every fix of the node. `best` and `arg` come in as a known value
-// (or kNone) and go out improved.
+// leaf(i) for every fix of the node, up to kInnerTolerance: the true
+// greatest is at most best + kInnerTolerance. `best` and `arg` come in as a known value (or
+// kNone) and go out improved.
 template <typename Bound, typename Leaf>
 void Farthest(const BoxTree& t, int32_t from, int32_t to, double* best, int32_t* arg, Bound bound, Leaf leaf) {
   struct Item {
@@ -43,7 +44,7 @@ void Farthest(const BoxTree& t, int32_t from, int32_t to, double* best, int32_t*
   stack[top++] = {1, std::numeric_limits<double>::infinity()};
   while (top > 0) {
     const Item item = stack[--top];
-    if (item.bound <= *best) continue;
+    if (item.bound <= *best + kInnerTolerance) continue;
     const uint32_t k = item.node;
     if (t.IsLeaf(k)) {
       const int32_t i = t.First(k);
@@ -59,7 +60,7 @@ void Farthest(const BoxTree& t, int32_t from, int32_t to, double* best, int32_t*
     for (uint32_t c = 2 * k; c <= 2 * k + 1; ++c) {
       if (t.Last(c) < from || t.First(c) > to || t.Last(c) < t.First(c)) continue;
       const double b = bound(c, *best);
-      if (b > *best) child[count++] = {c, b};
+      if (b > *best + kInnerTolerance) child[count++] = {c, b};
     }
     if (count == 2 && child[0].bound > child[1].bound) std::swap(child[0], child[1]);
     for (int c = 0; c < count; ++c) stack[top++] = child[c];
@@ -104,7 +105,7 @@ class FreeDistance {
   double TwoLegs(uint32_t via, const double* p, int side, double floor) const {
     const double cheap = max1_[side][via] + g_.Upper(std::sqrt(t_.Max2(via, p[0], p[1], p[2])));
     if (cheap <= floor) return cheap;
-    const double tight = g_.Upper(ViaBound(*starts_[side], via, t_, via, p)) + Geometry::kSlack;
+    const double tight = g_.Upper(ViaBound(*starts_[side], via, t_, via, p)) + Geometry::kSlack + kInnerTolerance;
     return std::min(cheap, tight);
   }
   // Bound of the best two legs ending (forward) or starting at point p, with
@@ -142,7 +143,7 @@ void FreeDistance::OneLegPass(bool forward) {
     Farthest(
         t_, from, to, &best, &at, [&](uint32_t c, double) { return g_.Upper(std::sqrt(t_.Max2(c, leaf))); },
         [&](int32_t i) { return g_.Upper(std::sqrt(g_.Chord2(i, j))); });
-    up1_[side][j] = best;
+    up1_[side][j] = best + kInnerTolerance;
     arg1_[side][j] = at;
     hint = at;
   }
@@ -173,7 +174,7 @@ double FreeDistance::TwoLegBound(uint32_t j, const double* p, bool forward, doub
   stack[top++] = {1, TwoLegs(1, p, side, best)};
   while (top > 0) {
     const Item item = stack[--top];
-    if (item.bound <= best) continue;
+    if (item.bound <= best + kInnerTolerance) continue;
     const uint32_t k = item.node;
     if (Depth(k) >= depth || t_.IsLeaf(k)) {
       best = item.bound;
@@ -184,12 +185,12 @@ double FreeDistance::TwoLegBound(uint32_t j, const double* p, bool forward, doub
     for (uint32_t c = 2 * k; c <= 2 * k + 1; ++c) {
       if (t_.Last(c) < from || t_.First(c) > to || t_.Last(c) < t_.First(c)) continue;
       const double b = TwoLegs(c, p, side, best);
-      if (b > best) child[count++] = {c, b};
+      if (b > best + kInnerTolerance) child[count++] = {c, b};
     }
     if (count == 2 && child[0].bound > child[1].bound) std::swap(child[0], child[1]);
     for (int c = 0; c < count; ++c) stack[top++] = child[c];
   }
-  return best;
+  return best + kInnerTolerance;
 }
 
 double FreeDistance::RouteBound(uint32_t j, double best) const {
@@ -275,7 +276,7 @@ Shape FreeDistance::Run(const Deadline& deadline) {
   shape.optimal = true;
   while (!queue.empty()) {
     const Item item = queue.top();
-    if (item.bound <= best) break;
+    if (item.bound <= best + kTolerance) break;
     if (deadline.Passed()) {
       shape.optimal = false;
       shape.bound = item.bound;
@@ -289,7 +290,7 @@ Shape FreeDistance::Run(const Deadline& deadline) {
     for (uint32_t c = 2 * item.node; c <= 2 * item.node + 1; ++c) {
       if (t_.Last(c) < t_.First(c)) continue;
       const double bound = RouteBound(c, best);
-      if (bound > best) queue.push({bound, c});
+      if (bound > best + kTolerance) queue.push({bound, c});
     }
   }
   shape.found = true;

@@ -99,9 +99,10 @@ void PrintShape(const Report& report, const Shape& shape, std::FILE* out) {
     } else if (fixes.size() < 3) {
       std::fprintf(out, "none: fewer than three fixes\n");
     } else {
-      std::fprintf(out, "none: no %s closes under these rules%s\n",
+      std::fprintf(out, "none: no %s scoring above zero closes under these rules%s\n",
                    shape.kind == ShapeKind::kFai ? "FAI triangle" : "triangle",
-                   shape.optimal ? "" : Format(" (the time limit came first, no score above %.3f)", Km(shape.bound)).c_str());
+                   shape.optimal ? "" : Format(" (not proven: the search stopped at its time or memory limit, no score "
+                                               "above %.3f)", Km(shape.bound)).c_str());
     }
     return;
   }
@@ -111,7 +112,8 @@ void PrintShape(const Report& report, const Shape& shape, std::FILE* out) {
   if (shape.optimal) {
     std::fprintf(out, ", optimal\n");
   } else {
-    std::fprintf(out, ", best found: the time limit came first, no score above %.3f\n", Km(shape.bound));
+    std::fprintf(out, ", best found: the search stopped at its time or memory limit, no score above %.3f\n",
+                 Km(shape.bound));
   }
   const char* const* roles = Roles(shape.kind);
   for (size_t k = 0; k < shape.points.size(); ++k) {

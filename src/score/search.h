@@ -15,6 +15,12 @@ struct Deadline {
   bool Passed() const { return std::chrono::steady_clock::now() >= at; }
 };
 
+// Ties closer than this never split a search: "optimal" means that no shape
+// scores more than 1 mm above the one found. The searches inside a search
+// (one leg, two legs) settle for 10 micrometres.
+constexpr double kTolerance = 1e-3;       // metres
+constexpr double kInnerTolerance = 1e-5;  // metres
+
 enum class ShapeKind { kFree, kFlat, kFai };
 
 // A best shape. Point indices refer to Flight::fixes; metres throughout.

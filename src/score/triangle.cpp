@@ -20,6 +20,8 @@ namespace {
 
 constexpr double kNone = -std::numeric_limits<double>::infinity();
 constexpr int kDeadlineEvery = 4096;
+constexpr int kDiveEvery = 8192;
+constexpr size_t kMostNodes = size_t{2} << 20;  // about 50 MB of open nodes
 
 double Limit(const Tier& tier, double perimeter) { return std::max(tier.fixedKm * 1000.0, tier.relative * perimeter); }
 
@@ -50,6 +52,7 @@ class TriangleSearch {
   double Bound(uint32_t a, uint32_t b, uint32_t c);
   void Leaf(int32_t a, int32_t b, int32_t c);
   void Push(uint32_t a, uint32_t b, uint32_t c);
+  void Dive(Node node);
   uint32_t Split(const Node& node) const;
 
   const Geometry& g_;
@@ -61,7 +64,7 @@ class TriangleSearch {
   const double longestGap_;
   Closing closing_;
   std::vector<Node> heap_;
-  double best_ = kNone;
+  double best_ = 0.0;  // a triangle must score more than nothing
   int32_t corners_[3] = {0, 0, 0};
 };
 
@@ -138,13 +141,34 @@ void TriangleSearch::Leaf(int32_t a, int32_t b, int32_t c) {
 
 void TriangleSearch::Push(uint32_t a, uint32_t b, uint32_t c) {
   const double bound = Bound(a, b, c);
-  if (bound <= best_) return;
+  if (bound <= best_ + kTolerance) return;
   if (t_.IsLeaf(a) && t_.IsLeaf(b) && t_.IsLeaf(c)) {
     Leaf(t_.First(a), t_.First(b), t_.First(c));
     return;
   }
   heap_.push_back({bound, a, b, c});
   std::push_heap(heap_.begin(), heap_.end());
+}
+
+void TriangleSearch::Dive(Node node) {
+  // Follow the child with the best bound down to single fixes.
+  while (true) {
+    const uint32_t which = Split(node);
+    if (which == 3) {
+      Leaf(t_.First(node.a), t_.First(node.b), t_.First(node.c));
+      return;
+    }
+    Node best{kNone, 0, 0, 0};
+    for (uint32_t half = 0; half < 2; ++half) {
+      uint32_t k[3] = {node.a, node.b, node.c};
+      k[which] = 2 * k[which] + half;
+      if (t_.Last(k[which]) < t_.First(k[which])) continue;
+      const double bound = Bound(k[0], k[1], k[2]);
+      if (bound > best.bound) best = {bound, k[0], k[1], k[2]};
+    }
+    if (best.bound <= best_) return;
+    node = best;
+  }
 }
 
 // Which range to halve: the widest in space.
@@ -169,37 +193,20 @@ Shape TriangleSearch::Run(const Deadline& deadline) {
   shape.optimal = true;
   if (n_ < 3) return shape;
 
-  // A first triangle: follow the best child down from the whole flight.
-  Node dive{0.0, 1, 1, 1};
-  while (true) {
-    const uint32_t which = Split(dive);
-    if (which == 3) {
-      Leaf(t_.First(dive.a), t_.First(dive.b), t_.First(dive.c));
-      break;
-    }
-    Node bestChild{kNone, 0, 0, 0};
-    for (uint32_t half = 0; half < 2; ++half) {
-      Node child = dive;
-      uint32_t* k = which == 0 ? &child.a : which == 1 ? &child.b : &child.c;
-      *k = 2 * *k + half;
-      if (t_.Last(*k) < t_.First(*k)) continue;
-      child.bound = Bound(child.a, child.b, child.c);
-      if (child.bound > bestChild.bound) bestChild = child;
-    }
-    if (bestChild.bound == kNone) break;
-    dive = bestChild;
-  }
-
+  // A first triangle, then now and then another from the node at hand: the
+  // searches that run into the time limit keep a good one.
+  Dive({0.0, 1, 1, 1});
   Push(1, 1, 1);
   int64_t pops = 0;
   while (!heap_.empty()) {
     const Node node = heap_.front();
-    if (node.bound <= best_) break;
-    if (++pops % kDeadlineEvery == 0 && deadline.Passed()) {
+    if (node.bound <= best_ + kTolerance) break;
+    if ((++pops % kDeadlineEvery == 0 && deadline.Passed()) || heap_.size() > kMostNodes) {
       shape.optimal = false;
       shape.bound = node.bound;
       break;
     }
+    if (pops % kDiveEvery == 0) Dive(node);
     std::pop_heap(heap_.begin(), heap_.end());
     heap_.pop_back();
     const uint32_t which = Split(node);
@@ -210,7 +217,7 @@ Shape TriangleSearch::Run(const Deadline& deadline) {
       Push(k[0], k[1], k[2]);
     }
   }
-  if (best_ == kNone) return shape;
+  if (best_ == 0.0) return shape;
 
   shape.found = true;
   const int32_t a = corners_[0], b = corners_[1], c = corners_[2];

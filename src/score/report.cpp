@@ -139,6 +139,7 @@ void JsonShape(const Report& report, const Shape& shape, std::FILE* out, bool la
   std::fprintf(out, "    \"multiplier\": %g,\n", shape.multiplier);
   std::fprintf(out, "    \"optimal\": %s,\n", shape.optimal ? "true" : "false");
   std::fprintf(out, "    \"bound\": %.6f,\n", Km(shape.bound));
+  std::fprintf(out, "    \"seconds\": %.3f,\n", shape.seconds);
   std::fprintf(out, "    \"legs\": [");
   for (size_t k = 0; k < shape.legs.size(); ++k) std::fprintf(out, "%s%.6f", k > 0 ? ", " : "", Km(shape.legs[k]));
   std::fprintf(out, "],\n    \"points\": [");

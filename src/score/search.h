@@ -38,6 +38,7 @@ struct Shape {
   // turnpoints, then the closing start and end.
   std::vector<int32_t> points;
   std::vector<double> legs;  // free: 4; triangles: 3 (tp1-tp2, tp2-tp3, tp3-tp1)
+  double seconds = 0.0;      // processor time of the search
 };
 
 struct Scores {

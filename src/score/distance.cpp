@@ -28,6 +28,7 @@ namespace score {
 namespace {
 
 constexpr double kNone = -std::numeric_limits<double>::infinity();
+constexpr int kRough = 4;  // levels coarser than the middle turnpoint's
 
 // Greatest leaf(i) over fixes i in [from, to], where bound(node) is at least
 // leaf(i) for every fix of the node, up to kInnerTolerance: the true
@@ -111,7 +112,7 @@ class FreeDistance {
   // Bound of the best two legs ending (forward) or starting at point p, with
   // the middle fix before (after) the fixes of node j: ranges no smaller
   // than j are not split further.
-  double TwoLegBound(uint32_t j, const double* p, bool forward, double floor) const;
+  double TwoLegBound(uint32_t j, const double* p, bool forward, double floor, int coarser = 0) const;
   // Bound of the best route with its middle turnpoint in node j.
   double RouteBound(uint32_t j, double best) const;
   // Exact one-leg and two-leg values at fixes; one-leg values are memoised.
@@ -160,9 +161,9 @@ void FreeDistance::OneLegPass(bool forward) {
   exactArg1_[side].assign(static_cast<size_t>(n_), 0);
 }
 
-double FreeDistance::TwoLegBound(uint32_t j, const double* p, bool forward, double floor) const {
+double FreeDistance::TwoLegBound(uint32_t j, const double* p, bool forward, double floor, int coarser) const {
   const int side = forward ? 0 : 1;
-  const int depth = Depth(j);
+  const int depth = Depth(j) - coarser;
   const int32_t from = forward ? 0 : t_.First(j), to = forward ? t_.Last(j) : n_ - 1;
   double best = floor;
   struct Item {
@@ -200,7 +201,9 @@ double FreeDistance::RouteBound(uint32_t j, double best) const {
   for (int corner = 0; corner < 8; ++corner) {
     const double p[3] = {corner & 1 ? t_.High(j, 0) : t_.Low(j, 0), corner & 2 ? t_.High(j, 1) : t_.Low(j, 1),
                          corner & 4 ? t_.High(j, 2) : t_.Low(j, 2)};
-    const double after = TwoLegBound(j, p, false, kNone);
+    // A rough bound of one side first lets the other skip what cannot count.
+    const double rough = TwoLegBound(j, p, true, kNone, kRough);
+    const double after = TwoLegBound(j, p, false, std::max(best, most) - rough);
     const double before = TwoLegBound(j, p, true, std::max(best, most) - after);
     most = std::max(most, before + after);
   }

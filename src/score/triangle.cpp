@@ -31,6 +31,7 @@ namespace {
 constexpr double kNone = -std::numeric_limits<double>::infinity();
 constexpr int kDeadlineEvery = 4096;
 constexpr int kDiveEvery = 8192;
+constexpr int32_t kExactGapFixes = 4;
 constexpr size_t kMostNodes = size_t{2} << 20;  // about 50 MB of open nodes
 
 double Limit(const Tier& tier, double perimeter) { return std::max(tier.fixedKm * 1000.0, tier.relative * perimeter); }
@@ -184,8 +185,8 @@ double TriangleSearch::Bound(uint32_t a, uint32_t b, uint32_t c) {
   const int32_t y = std::max({earliest_[a], earliest_[b], earliest_[c]});
   double gap = closing_.Lower(x, y);
   if (gap > longestGap_) return kNone;
-  // For small regions the exact gaps are worth making.
-  if (std::max({Count(a), Count(b), Count(c)}) <= closing_.block() && ScoreBound(perimeter, gap) > best_) {
+  // For regions of a few fixes the exact gaps are worth making.
+  if (std::max({Count(a), Count(b), Count(c)}) <= kExactGapFixes && ScoreBound(perimeter, gap) > best_) {
     gap = closing_.Exact(x, y);
   }
   return ScoreBound(perimeter, gap);

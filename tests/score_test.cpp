@@ -190,6 +190,31 @@ INSTANTIATE_TEST_SUITE_P(Every, ScoreRealFlight, testing::ValuesIn(References())
                            return name;
                          });
 
+// XContest's published scores of three flights: its rule set on its earth.
+TEST(ScoreRealFlight, XContestRulesGiveXContestsOwnScores) {
+  std::ifstream file(Data("score/xcontest.tsv"));
+  std::string line;
+  int rows = 0;
+  while (std::getline(file, line)) {
+    if (line.empty() || line[0] == '#') continue;
+    std::istringstream fields(line);
+    std::string name, shape;
+    double points = 0.0;
+    fields >> name >> shape >> points;
+    SCOPED_TRACE(name);
+    Flight flight;
+    ASSERT_EQ(score::LoadFlight(Data("igc/" + name + ".igc").c_str(), &flight), 0);
+    const score::RuleSet& rules = *score::FindRuleSet("xcontest");
+    ASSERT_EQ(rules.earth, score::Earth::kFaiSphere);
+    const score::Scores scores = score::ScoreFlight(flight.fixes, rules, rules.earth, score::Deadline());
+    const Shape& found = shape == "free" ? scores.free : shape == "flat" ? scores.flat : scores.fai;
+    EXPECT_TRUE(found.optimal);
+    EXPECT_NEAR(found.score / 1000.0, points, 0.01);
+    ++rows;
+  }
+  EXPECT_EQ(rows, 3);
+}
+
 // --- Small flights under every rule set: the searches against trying every route.
 
 struct Exhaustive {

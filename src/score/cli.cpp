@@ -19,14 +19,15 @@ constexpr double kDefaultMaxSeconds = 60.0;
 void Usage(std::FILE* out) {
   std::fprintf(out,
                "Usage: kestrix-score FILE.igc [--rules NAME] [--json] [--kml OUT.kml] [--max-time SECONDS] "
-               "[--sphere]\n"
+               "[--sphere | --wgs84]\n"
                "The exact best free distance (up to 3 turnpoints), flat triangle and FAI triangle of a flight.\n"
                "  --rules NAME        rule set (default plain); --rules list shows them\n"
                "  --json              one JSON object with the keys free, flat and fai\n"
                "  --kml OUT.kml       also write the three routes for Google Earth\n"
                "  --max-time SECONDS  stop searching after this long and report how far the bound still is\n"
                "                      (default %g; 0: no limit)\n"
-               "  --sphere            distances on the FAI sphere (radius 6371 km) instead of WGS-84\n"
+               "  --sphere, --wgs84   distances on the FAI sphere (radius 6371 km) or the WGS-84 ellipsoid\n"
+               "                      instead of what the rule set measures with\n"
                "  -h, --help          this text\n",
                kDefaultMaxSeconds);
 }
@@ -37,7 +38,7 @@ struct Options {
   bool json = false;
   const char* kml = nullptr;
   double maxSeconds = kDefaultMaxSeconds;
-  Earth earth = Earth::kWgs84;
+  int earth = -1;  // -1: the rule set's
   bool listRules = false;
   bool help = false;
 };
@@ -58,7 +59,9 @@ int ParseOptions(int argc, char** argv, Options* options) {
     } else if (std::strcmp(arg, "--json") == 0) {
       options->json = true;
     } else if (std::strcmp(arg, "--sphere") == 0) {
-      options->earth = Earth::kFaiSphere;
+      options->earth = static_cast<int>(Earth::kFaiSphere);
+    } else if (std::strcmp(arg, "--wgs84") == 0) {
+      options->earth = static_cast<int>(Earth::kWgs84);
     } else if (std::strcmp(arg, "--rules") == 0) {
       const char* name = value(arg);
       if (name == nullptr) return 2;
@@ -121,8 +124,9 @@ int Main(int argc, char** argv) {
                   std::chrono::duration_cast<std::chrono::steady_clock::duration>(
                       std::chrono::duration<double>(options.maxSeconds));
   }
-  const Scores scores = ScoreFlight(flight.fixes, *options.rules, options.earth, deadline);
-  const Report report{options.file, &flight, options.rules, options.earth, &scores};
+  const Earth earth = options.earth < 0 ? options.rules->earth : static_cast<Earth>(options.earth);
+  const Scores scores = ScoreFlight(flight.fixes, *options.rules, earth, deadline);
+  const Report report{options.file, &flight, options.rules, earth, &scores};
   if (options.kml != nullptr && WriteFileAtomically(options.kml, MakeKml(report)) < 0) return 1;
   if (options.json) {
     PrintJson(report, stdout);

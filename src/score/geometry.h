@@ -17,10 +17,9 @@
 #include <vector>
 
 #include "score/flight.h"
+#include "score/rules.h"
 
 namespace score {
-
-enum class Earth { kWgs84, kFaiSphere };
 
 class Geometry {
  public:

@@ -218,6 +218,8 @@ void PrintJson(const Report& report, std::FILE* out) {
 void PrintRuleSets(std::FILE* out) {
   for (const RuleSet& rules : kRuleSets) {
     std::fprintf(out, "%s: %s\n", rules.name, rules.title);
+    std::fprintf(out, "  distances on the %s\n",
+                 rules.earth == Earth::kWgs84 ? "WGS-84 ellipsoid" : "FAI sphere (radius 6371 km)");
     std::fprintf(out, "  free distance via up to 3 turnpoints x%g\n", rules.freeMultiplier);
     for (int k = 0; k < rules.flatTiers; ++k) std::fprintf(out, "  %s\n", DescribeTier(rules.flat[k]).c_str());
     for (int k = 0; k < rules.faiTiers; ++k) {

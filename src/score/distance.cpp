@@ -31,9 +31,9 @@ constexpr double kNone = -std::numeric_limits<double>::infinity();
 constexpr int kRough = 4;  // levels coarser than the middle turnpoint's
 
 // Greatest leaf(i) over fixes i in [from, to], where bound(node) is at least
-// leaf(i) for every fix of the node, up to kInnerTolerance: the true
-// greatest is at most best + kInnerTolerance. `best` and `arg` come in as a known value (or
-// kNone) and go out improved.
+// leaf(i) for every fix of the node. Ties within kInnerTolerance are not
+// searched out: the true greatest is at most best + kInnerTolerance. `best`
+// and `arg` come in as a known value (or kNone) and go out improved.
 template <typename Bound, typename Leaf>
 void Farthest(const BoxTree& t, int32_t from, int32_t to, double* best, int32_t* arg, Bound bound, Leaf leaf) {
   struct Item {
@@ -68,8 +68,8 @@ void Farthest(const BoxTree& t, int32_t from, int32_t to, double* best, int32_t*
   }
 }
 
-// Greatest chord(s, x) + chord(x, y) for s in box `s` of `starts`, x in box
-// `via` and y in box `target` of `t`: at a corner of `via`, by convexity.
+// Greatest chord(s, x) + chord(x, p) for s in box `s` of `starts` and x in
+// box `via` of `t`: at a corner of `via`, by convexity.
 double ViaBound(const BoxTree& starts, uint32_t s, const BoxTree& t, uint32_t via, const double* p) {
   double most = 0.0;
   for (int corner = 0; corner < 8; ++corner) {

@@ -149,6 +149,8 @@ struct Reference {
   double score[3] = {0, 0, 0};  // km: free, flat, fai
 };
 
+void PrintTo(const Reference& reference, std::ostream* out) { *out << reference.flight; }
+
 std::vector<Reference> References() {
   std::vector<Reference> all;
   std::ifstream file(Data("score/reference.tsv"));

@@ -306,6 +306,9 @@ Shape TriangleSearch::Run(const Deadline& deadline) {
   shape.gap = g_.Distance(s, e);
   int tier = 0;
   shape.score = Score(shape.distance, shape.gap, &tier);
+  // A gap at the very limit can be a micrometre longer as a geodesic than
+  // as the chord the search closed it with.
+  if (shape.score == kNone) shape.score = Score(shape.distance, closing_.Exact(a, c), &tier);
   const Tier& used = tiers_[static_cast<size_t>(tier)];
   shape.multiplier = used.multiplier;
   shape.name = used.name;

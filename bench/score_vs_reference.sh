@@ -53,7 +53,7 @@ for flight in "${flights[@]}"; do
   start=$(now)
   theirs_out=$(node --max-old-space-size=8192 "$here/xc_reference.mjs" "$cache" "$flight")
   theirs=$(seconds "$start" "$(now)")
-  reference=$(printf '%s\n' "$theirs_out" | awk -F'\t' '{ printf "%.3f ", $3 }')
+  reference=$(printf '%s\n' "$theirs_out" | awk -F'\t' '{ printf "%s%.3f", (NR > 1 ? " " : ""), $3 }')
 
   ratio=$(awk -v a="$ours" -v b="$theirs" 'BEGIN { printf "%.0f", b / a }')
   printf '%-34s %11ss %11ss %8sx   %s / %s\n' "$(basename "$flight")" "$ours" "$theirs" "$ratio" "$mine" "$reference"

@@ -97,9 +97,8 @@ bool FileExists(const char* name) {
   return file != nullptr;
 }
 
-// Writes `length` bytes as the whole new content of `name`, in one write. A
-// write that fails part-way removes the file, so that no truncated file is
-// left where a complete one is expected.
+}  // namespace
+
 int WriteWholeFile(const char* name, const char* data, size_t length, const char* openFailure,
                    const char* writeFailure) {
   FILE* file = std::fopen(name, "wb");
@@ -119,6 +118,8 @@ int WriteWholeFile(const char* name, const char* data, size_t length, const char
   }
   return 0;
 }
+
+namespace {
 
 // Common end of the waypoint writers, once the text is complete.
 // With --skip an existing file is reported and left as it is.

@@ -1,6 +1,7 @@
 // Saving tracks and waypoints to files; reading waypoint files.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 
 #include "geo/time.h"
@@ -20,6 +21,12 @@ int32_t SaveIgcTrackLog(int32_t trimmed);
 // The KML document of the track log, under `name` as given or, when null, a
 // made name ("-T.kml" when `trimmed` is 1). 0 when written, else -1.
 int32_t SaveKmlTrackLog(const char* name, int32_t trimmed);
+// Writes `length` bytes as the whole new content of `name`, in one write. A
+// write that fails part-way removes the file, so that no truncated file is
+// left where a complete one is expected. The two formats (with one %s for
+// the name) are printed on failure. 0, or -1.
+int WriteWholeFile(const char* name, const char* data, size_t length, const char* openFailure,
+                   const char* writeFailure);
 int32_t SaveOziWaypoints();
 int32_t SaveGpxWaypoints();
 int32_t SaveKmlWaypoints();

@@ -1330,6 +1330,56 @@ bool FindSampledOutAndReturn(const uint32_t* distance, int32_t n, int32_t* corne
 
 }  // namespace
 
+void AnalyzeStatistics(FlightAnalysis* record) {
+  if (record->pPoints == nullptr || record->nPoints < 1) return;
+  StepCache cache(record->pPoints, record->nPoints);
+  if (cache.ok()) {
+    FillStatistics(record, cache, &cache);
+  } else {
+    FillStatistics(record, DirectSteps(record->pPoints), nullptr);
+  }
+}
+
+int32_t SearchSampledDistances(const FlightAnalysis* record, SampledDistances* found) {
+  *found = SampledDistances{};
+  const TrackPoint* points = record->pPoints;
+  const int32_t count = record->nPoints;
+  if (points == nullptr || count < 2) return 0;
+  int32_t westArc = points[0].lLongitude, eastArc = points[0].lLongitude;
+  for (int32_t i = 1; i < count; ++i) {
+    westArc = std::min(westArc, points[i].lLongitude);
+    eastArc = std::max(eastArc, points[i].lLongitude);
+  }
+  double lat, westRadians, eastRadians;
+  ConvertArcToGeoPos(0, westArc, &lat, &westRadians);
+  ConvertArcToGeoPos(0, eastArc, &lat, &eastRadians);
+  const double centralMeridian = (westRadians + eastRadians) / 2.0;
+  const int32_t limit = std::min(count, rules::kSampleLimit);
+  Table<int32_t> sample(static_cast<size_t>(limit));
+  Table<double> east(static_cast<size_t>(limit)), north(static_cast<size_t>(limit));
+  Table<uint32_t> distance(static_cast<size_t>(limit) * static_cast<size_t>(limit));
+  Partners partners(limit);
+  if (!sample.ok() || !east.ok() || !north.ok() || !distance.ok() || !partners.ok()) return -1;
+  const int32_t n = SamplePoints(count, sample.get());
+  for (int32_t k = 0; k < n; ++k) {
+    const MapPos map = ConvertGeoToMapPos(Geo(points[sample[k]]), centralMeridian);
+    east[k] = map.x;
+    north[k] = map.y;
+  }
+  FillDistanceTable(east.get(), north.get(), n, distance.get(), &partners);
+  FindSampledDistances(distance.get(), n, partners, found->anOpen, found->anThree, found->anFour, found->anFive);
+  found->bOutAndReturn = FindSampledOutAndReturn(distance.get(), n, found->anOutAndReturn) ? 1 : 0;
+  auto toFull = [&sample](int32_t* index, int32_t size) {
+    for (int32_t m = 0; m < size; ++m) index[m] = sample[index[m]];
+  };
+  toFull(found->anOpen, 2);
+  toFull(found->anThree, 3);
+  toFull(found->anFour, 4);
+  toFull(found->anFive, 5);
+  if (found->bOutAndReturn != 0) toFull(found->anOutAndReturn, 3);
+  return 0;
+}
+
 int32_t AnalyzeTrack(FlightAnalysis* record) {
   std::printf("Computing statistics\n");
   ClearResults(record);

@@ -1,5 +1,6 @@
 #include "output/google.h"
 
+#include <charconv>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
@@ -76,6 +77,15 @@ class KmlText {
     va_end(arguments);
   }
 
+  // A value under the digest, already formatted (NUL-terminated).
+  void AddDigestedText(HashContext* hash, const char* value, int32_t length) {
+    if (failed_) return;
+    std::memcpy(text_->line, value, static_cast<size_t>(length) + 1);
+    text_->lineLength = length;
+    HashString(hash, text_->line);
+    failed_ = AddLogTxt(text_) < 0;
+  }
+
   bool failed() const { return failed_; }
   int32_t length() const { return text_->length; }
 
@@ -107,6 +117,14 @@ int RoundSpeed(double kmh) {
   if (!(rounded > -2147483648.0)) return rounded != rounded ? 0 : -2147483647 - 1;
   if (rounded >= 2147483647.0) return 2147483647;
   return static_cast<int>(rounded);
+}
+
+// "%d " for a list value, "%d" for the last one; returns the length.
+int32_t EncodeListInteger(char* out, int32_t number, bool last) {
+  char* end = std::to_chars(out, out + 16, number).ptr;
+  if (!last) *end++ = ' ';
+  *end = '\0';
+  return static_cast<int32_t>(end - out);
 }
 
 void FormatCalendarTime(char* out, size_t size, uint32_t gpsTime, bool utc) {
@@ -272,10 +290,15 @@ int32_t AddTrack(KmlText& kml, const FlightAnalysis& record, bool absolute, Hash
   }
   kml.Add(">\r\n");
 
+  // The three lists are nearly all of the document; their values are
+  // written as printf would write them, without a format string.
+  char value[96];
   kml.Add("          <SecondsFromTimeOfFirstPoint>\r\n");
   for (int32_t i = 0; i < count; ++i) {
     const bool last = i + 1 == count;
-    kml.AddDigested(hash, last ? "%d" : "%d ", static_cast<int32_t>(points[i].dwTime - points[0].dwTime));
+    const int32_t length =
+        EncodeListInteger(value, static_cast<int32_t>(points[i].dwTime - points[0].dwTime), last);
+    kml.AddDigestedText(hash, value, length);
     if ((i + 1) % kTimesPerLine == 0 || last) kml.Add("\r\n");
   }
   kml.Add("          </SecondsFromTimeOfFirstPoint>\r\n");
@@ -283,7 +306,7 @@ int32_t AddTrack(KmlText& kml, const FlightAnalysis& record, bool absolute, Hash
     kml.Add("          <PressureAltitude>\r\n");
     for (int32_t i = 0; i < count; ++i) {
       const bool last = i + 1 == count;
-      kml.AddDigested(hash, last ? "%d" : "%d ", points[i].lPressureAltitude);
+      kml.AddDigestedText(hash, value, EncodeListInteger(value, points[i].lPressureAltitude, last));
       if ((i + 1) % kTimesPerLine == 0 || last) kml.Add("\r\n");
     }
     kml.Add("          </PressureAltitude>\r\n");
@@ -299,8 +322,12 @@ int32_t AddTrack(KmlText& kml, const FlightAnalysis& record, bool absolute, Hash
     double latitude;
     double longitude;
     ConvertArcToGeoPos(points[i].lLatitude, points[i].lLongitude, &latitude, &longitude);
-    kml.AddDigested(hash, last ? "%.6f,%.6f,%d" : "%.6f,%.6f,%d ", longitude * kRadiansToDegrees,
-                    latitude * kRadiansToDegrees, AltitudeMetres(points[i].lGpsAltitude));
+    int32_t length = EncodeDecimalString(value, 32, longitude * kRadiansToDegrees, 6);
+    value[length++] = ',';
+    length += EncodeDecimalString(value + length, 32, latitude * kRadiansToDegrees, 6);
+    value[length++] = ',';
+    length += EncodeListInteger(value + length, AltitudeMetres(points[i].lGpsAltitude), last);
+    kml.AddDigestedText(hash, value, length);
     if ((i + 1) % kCoordinatesPerLine == 0 || last) kml.Add("\r\n");
   }
   kml.Add("        </coordinates>\r\n");

@@ -569,56 +569,17 @@ auto DirectSteps(const TrackPoint* points) {
   return [points](int32_t j, int32_t reference) { return Distance(points[j], points[reference]); };
 }
 
-// The windowed walks measure consecutive points again and again. A step's
-// reference is the point after it, or the last of a run of equal times just
-// above it, or the window's own end inside such a run; the first two are
-// measured once per flight, the third once per walk at most.
-class StepCache {
- public:
-  explicit StepCache(const TrackPoint* points, int32_t count)
-      : points_(points), next_(static_cast<size_t>(count)), runTop_(static_cast<size_t>(count)),
-        overRun_(static_cast<size_t>(count)) {
-    if (!ok()) return;
-    for (int32_t j = 0; j + 1 < count; ++j) {
-      next_[j] = Distance(points[j], points[j + 1]);
-      overRun_[j] = std::numeric_limits<double>::quiet_NaN();
-    }
-    runTop_[count - 1] = count - 1;
-    for (int32_t j = count - 2; j >= 0; --j) {
-      runTop_[j] = points[j + 1].dwTime == points[j].dwTime ? runTop_[j + 1] : j;
-    }
-  }
-  bool ok() const { return next_.ok() && runTop_.ok() && overRun_.ok(); }
-  double Next(int32_t j) const { return next_[j]; }
-
-  double operator()(int32_t j, int32_t reference) const {
-    if (reference == j + 1) return next_[j];
-    if (reference == runTop_[j + 1]) {
-      if (std::isnan(overRun_[j])) overRun_[j] = Distance(points_[j], points_[reference]);
-      return overRun_[j];
-    }
-    return Distance(points_[j], points_[reference]);
-  }
-
- private:
-  const TrackPoint* points_;
-  Table<double> next_;     // j to j + 1
-  Table<int32_t> runTop_;  // last index of the run of equal times holding j
-  Table<double> overRun_;  // j to the top of the run just above it, when asked
-};
-
 int32_t RoundedMetres(int32_t decimetres) {
   return static_cast<int32_t>((static_cast<int64_t>(decimetres) + 5) / 10);
 }
 
-template <typename StepDistance>
-void FillStatistics(FlightAnalysis* record, StepDistance&& stepDistance, const StepCache* cache) {
+// Times and the altitude range: every field but the distances and speeds.
+void FillTimesAndHeights(FlightAnalysis* record) {
   const TrackPoint* points = record->pPoints;
   const int32_t count = record->nPoints;
   record->dwStartTime = points[0].dwTime;
   record->dwEndTime = points[count - 1].dwTime;
   record->dwDuration = record->dwEndTime - record->dwStartTime;
-
   int32_t lowest = 1000000, highest = -1000000;
   for (int32_t i = 0; i < count; ++i) {
     lowest = std::min(lowest, points[i].lGpsAltitude);
@@ -626,19 +587,235 @@ void FillStatistics(FlightAnalysis* record, StepDistance&& stepDistance, const S
   }
   record->nLowestAltitude = RoundedMetres(lowest);
   record->nHighestAltitude = RoundedMetres(highest);
+}
 
+// Measuring every step of every window: the statistics without working memory.
+void FillStatistics(FlightAnalysis* record) {
+  const TrackPoint* points = record->pPoints;
+  const int32_t count = record->nPoints;
+  FillTimesAndHeights(record);
+  const auto stepDistance = DirectSteps(points);
   double length = 0.0, top = 0.0, mean = 0.0, sink = 0.0, climb = 0.0;
   double speed = 0.0, rate = 0.0;
   const uint32_t topFrom = points[0].dwTime + rules::kTopSpeedWindow;
   const uint32_t meanFrom = points[0].dwTime + rules::kMeanSpeedWindow;
   for (int32_t i = 1; i < count; ++i) {
-    length += cache != nullptr ? cache->Next(i - 1) : Distance(points[i - 1], points[i]);
+    length += Distance(points[i - 1], points[i]);
     if (points[i - 1].dwTime > topFrom) {
       TopSpeed(points, i, stepDistance, &speed);
       top = std::max(top, speed);
     }
     if (points[i - 1].dwTime > meanFrom) {
       MeanSpeed(points, i, stepDistance, &speed, &rate);
+      if (speed > mean) mean = speed;
+      if (rate < sink) sink = rate;
+      if (rate > climb) climb = rate;
+    }
+  }
+  record->dTrackLength = length;
+  record->dTopSpeed = top;
+  record->dMeanSpeed = mean;
+  record->dWorstSink = sink;
+  record->dBestClimb = climb;
+  record->dAverageSpeed = 3.6 * length / record->dwDuration;
+}
+
+// The same statistics from distances measured once. A window's walk skips
+// the points of a run of equal times and steps from the last point of one
+// run to the last point of the run before (its first step starts at the
+// point itself), so each step but the first is a step between runs, kept
+// per run with the running sum of those steps. Where times only increase
+// and no segment starts inside a window, its end is found by moving a
+// pointer along the runs, and the sum of its steps bounds the covered
+// distance from above: a window that cannot beat the best speed so far is
+// not summed at all. Every sum that counts is taken step by step in the
+// walk's own order; any other window is walked as it always was.
+class Statistics {
+ public:
+  Statistics(const TrackPoint* points, int32_t count)
+      : points_(points), count_(count), geo_(static_cast<size_t>(count)), next_(static_cast<size_t>(count)),
+        runs_(static_cast<size_t>(count)) {}
+  bool ok() const { return geo_.ok() && next_.ok() && runs_.ok(); }
+  void Fill(FlightAnalysis* record);
+
+ private:
+  struct Run {
+    int32_t first;
+    int32_t last;
+    uint32_t time;
+    bool segment;  // a point of the run starts a segment
+    double step;   // from the last point of the run before to `last`
+    double steps;  // sum of `step` up to this run
+  };
+  // Where a window of point `index` ends; `steps` counts the steps, the last
+  // one partial.
+  struct Window {
+    int32_t steps;
+    int32_t reference;  // the point the partial step measures from
+    int32_t end;        // its earlier point, the last of its run
+    double fraction;
+    double bound;  // at least the covered distance as the walk sums it
+  };
+
+  double Measure(int32_t a, int32_t b) const {
+    double d = 0.0;
+    CalcPreparedDistance(geo_[static_cast<size_t>(a)], geo_[static_cast<size_t>(b)], &d);
+    return d;
+  }
+  bool SamePosition(int32_t a, int32_t b) const {
+    return points_[a].lLatitude == points_[b].lLatitude && points_[a].lLongitude == points_[b].lLongitude;
+  }
+  // The walk's step from `j` back to its reference: consecutive points and
+  // last points of runs are measured already.
+  double Step(int32_t j, int32_t reference) const {
+    return reference == j + 1 ? next_[static_cast<size_t>(j)] : Measure(j, reference);
+  }
+  void MeasureRuns();
+  double FirstStep(int32_t index, int32_t run) const;
+  bool FindWindow(int32_t index, int32_t run, uint32_t window, int32_t* pointer, double first, Window* w) const;
+  double Covered(int32_t run, double first, const Window& w) const;
+
+  const TrackPoint* points_;
+  int32_t count_;
+  Table<GeoPoint> geo_;
+  Table<double> next_;  // j to j + 1
+  Table<Run> runs_;
+  int32_t runCount_ = 0;
+  double slack_ = 0.0;   // what rounding can take from a difference of two running sums
+  bool bounded_ = false;  // every step finite: the bounds hold
+  int32_t lastSegment_ = -1;  // the last point before the current one that starts a segment
+  int32_t lastDrop_ = 0;      // the last run whose time is below its predecessor's
+};
+
+void Statistics::MeasureRuns() {
+  int32_t n = 0;
+  for (int32_t i = 0; i < count_; ++i) {
+    const bool segment = IsSegmentStart(points_[i]);
+    if (n > 0 && points_[i].dwTime == runs_[static_cast<size_t>(n - 1)].time) {
+      Run& run = runs_[static_cast<size_t>(n - 1)];
+      run.last = i;
+      run.segment = run.segment || segment;
+    } else {
+      runs_[static_cast<size_t>(n++)] = Run{i, i, points_[i].dwTime, segment, 0.0, 0.0};
+    }
+  }
+  runCount_ = n;
+  double sum = 0.0;
+  for (int32_t r = 1; r < n; ++r) {
+    Run& run = runs_[static_cast<size_t>(r)];
+    const int32_t below = runs_[static_cast<size_t>(r - 1)].last;
+    run.step = run.last == run.first || SamePosition(run.last, run.first) ? next_[static_cast<size_t>(below)]
+                                                                          : Measure(below, run.last);
+    sum += run.step;
+    run.steps = sum;
+  }
+  bounded_ = std::isfinite(sum);
+  // Each running sum is within n rounding steps of the exact one.
+  slack_ = bounded_ ? 4.0 * std::numeric_limits<double>::epsilon() * n * sum + 1e-9 : 0.0;
+}
+
+double Statistics::FirstStep(int32_t index, int32_t run) const {
+  const Run& r = runs_[static_cast<size_t>(run)];
+  if (index == r.first || SamePosition(index, r.first)) return next_[static_cast<size_t>(r.first - 1)];
+  if (index == r.last || SamePosition(index, r.last)) return r.step;
+  return Measure(runs_[static_cast<size_t>(run - 1)].last, index);
+}
+
+bool Statistics::FindWindow(int32_t index, int32_t run, uint32_t window, int32_t* pointer, double first,
+                            Window* w) const {
+  const uint32_t now = runs_[static_cast<size_t>(run)].time;
+  if (run < 1 || now < window) return false;
+  const uint32_t limit = now - window;
+  int32_t m = *pointer;
+  while (m + 1 < run && runs_[static_cast<size_t>(m + 1)].time <= limit) ++m;
+  *pointer = m;
+  // Times rising through the window and no segment start inside it: the
+  // walk ends at the first run back at least `window` seconds earlier.
+  if (m >= run || runs_[static_cast<size_t>(m)].time > limit) return false;
+  if (m + 1 < run && runs_[static_cast<size_t>(m + 1)].time <= limit) return false;
+  if (lastDrop_ > m || lastSegment_ > runs_[static_cast<size_t>(m)].last) return false;
+  const Run& end = runs_[static_cast<size_t>(m)];
+  w->steps = run - m;
+  w->end = end.last;
+  uint32_t elapsed = 0;
+  uint32_t from = now;
+  if (w->steps == 1) {
+    w->reference = index;
+  } else {
+    const Run& above = runs_[static_cast<size_t>(m + 1)];
+    w->reference = above.last;
+    from = above.time;
+    elapsed = now - from;
+  }
+  w->fraction = static_cast<double>(window - elapsed) / (from - end.time);
+  // The partial step counts whole here: the fraction is at most 1.
+  const double steps = runs_[static_cast<size_t>(run - 1)].steps - end.steps;
+  w->bound = (first + steps + slack_) * (1.0 + 1e-12);
+  return true;
+}
+
+double Statistics::Covered(int32_t run, double first, const Window& w) const {
+  if (w.steps == 1) return 0.0 + w.fraction * first;
+  double distance = 0.0;
+  distance += first;
+  const int32_t m = run - w.steps;
+  for (int32_t r = run - 1; r >= m + 2; --r) distance += runs_[static_cast<size_t>(r)].step;
+  distance += w.fraction * runs_[static_cast<size_t>(m + 1)].step;
+  return distance;
+}
+
+void Statistics::Fill(FlightAnalysis* record) {
+  const TrackPoint* points = points_;
+  const int32_t count = count_;
+  FillTimesAndHeights(record);
+  for (int32_t i = 0; i < count; ++i) geo_[static_cast<size_t>(i)] = PrepareGeoPoint(Geo(points[i]));
+  for (int32_t j = 0; j + 1 < count; ++j) next_[static_cast<size_t>(j)] = Measure(j, j + 1);
+  double length = 0.0;
+  for (int32_t i = 1; i < count; ++i) length += next_[static_cast<size_t>(i - 1)];
+  MeasureRuns();
+
+  const auto stepDistance = [this](int32_t j, int32_t reference) { return Step(j, reference); };
+  double top = 0.0, mean = 0.0, sink = 0.0, climb = 0.0;
+  const uint32_t topFrom = points[0].dwTime + rules::kTopSpeedWindow;
+  const uint32_t meanFrom = points[0].dwTime + rules::kMeanSpeedWindow;
+  int32_t run = 0, topPointer = 0, meanPointer = 0;
+  for (int32_t i = 1; i < count; ++i) {
+    if (runs_[static_cast<size_t>(run)].last < i) {
+      ++run;
+      if (runs_[static_cast<size_t>(run)].time < runs_[static_cast<size_t>(run - 1)].time) lastDrop_ = run;
+    }
+    if (IsSegmentStart(points[i - 1])) lastSegment_ = i - 1;
+    const bool topWindow = points[i - 1].dwTime > topFrom;
+    const bool meanWindow = points[i - 1].dwTime > meanFrom;
+    // At a segment start both speeds are 0 and the climb is the last one
+    // again: nothing changes.
+    if ((!topWindow && !meanWindow) || IsSegmentStart(points[i])) continue;
+    const double first = run > 0 ? FirstStep(i, run) : 0.0;
+    const bool bounded = bounded_ && std::isfinite(first);
+    Window w;
+    if (topWindow) {
+      if (FindWindow(i, run, rules::kTopSpeedWindow, &topPointer, first, &w)) {
+        if (!bounded || rules::kTopSpeedFactor * w.bound > top) {
+          top = std::max(top, rules::kTopSpeedFactor * Covered(run, first, w));
+        }
+      } else {
+        double speed;
+        TopSpeed(points, i, stepDistance, &speed);
+        top = std::max(top, speed);
+      }
+    }
+    if (meanWindow) {
+      double speed = 0.0, rate = 0.0;
+      if (FindWindow(i, run, rules::kMeanSpeedWindow, &meanPointer, first, &w)) {
+        const double from = points[w.reference].lGpsAltitude;
+        const double altitude = from + w.fraction * (points[w.end].lGpsAltitude - from);
+        rate = (points[i].lGpsAltitude - altitude) * rules::kClimbFactor;
+        if (!bounded || rules::kMeanSpeedFactor * w.bound > mean) {
+          speed = rules::kMeanSpeedFactor * Covered(run, first, w);
+        }
+      } else {
+        MeanSpeed(points, i, stepDistance, &speed, &rate);
+      }
       if (speed > mean) mean = speed;
       if (rate < sink) sink = rate;
       if (rate > climb) climb = rate;
@@ -1332,11 +1509,11 @@ bool FindSampledOutAndReturn(const uint32_t* distance, int32_t n, int32_t* corne
 
 void AnalyzeStatistics(FlightAnalysis* record) {
   if (record->pPoints == nullptr || record->nPoints < 1) return;
-  StepCache cache(record->pPoints, record->nPoints);
-  if (cache.ok()) {
-    FillStatistics(record, cache, &cache);
+  Statistics statistics(record->pPoints, record->nPoints);
+  if (statistics.ok()) {
+    statistics.Fill(record);
   } else {
-    FillStatistics(record, DirectSteps(record->pPoints), nullptr);
+    FillStatistics(record);
   }
 }
 
@@ -1387,11 +1564,11 @@ int32_t AnalyzeTrack(FlightAnalysis* record) {
   const int32_t count = record->nPoints;
   if (points == nullptr || count < 1) return 0;
   {
-    StepCache cache(points, count);
-    if (cache.ok()) {
-      FillStatistics(record, cache, &cache);
+    Statistics statistics(points, count);
+    if (statistics.ok()) {
+      statistics.Fill(record);
     } else {
-      FillStatistics(record, DirectSteps(points), nullptr);
+      FillStatistics(record);
     }
   }
   if (count < 2) return 0;

@@ -1,6 +1,9 @@
 #include "track/analysis.h"
 
+#include <sys/mman.h>
+
 #include <algorithm>
+#include <atomic>
 #include <cctype>
 #include <cmath>
 #include <cstdio>
@@ -12,16 +15,34 @@
 
 #include "driver/main.h"
 #include "geo/conv.h"
+#include "track/parallel.h"
 
 void* (*pAnalysisAllocate)(size_t bytes) = std::malloc;
 
 namespace {
 
+// Asks for large pages under a big table: the distance tables are written
+// once in full, and a fault per small page costs more than filling it.
+void PreferLargePages(void* data, size_t bytes) {
+#ifdef MADV_HUGEPAGE
+  constexpr uintptr_t kLarge = uintptr_t{1} << 21;
+  if (data == nullptr || bytes < 2 * kLarge) return;
+  const uintptr_t from = (reinterpret_cast<uintptr_t>(data) + kLarge - 1) & ~(kLarge - 1);
+  const uintptr_t to = (reinterpret_cast<uintptr_t>(data) + bytes) & ~(kLarge - 1);
+  if (to > from) madvise(reinterpret_cast<void*>(from), to - from, MADV_HUGEPAGE);
+#else
+  (void)data;
+  (void)bytes;
+#endif
+}
+
 // A table from pAnalysisAllocate, freed on every way out.
 template <typename T>
 class Table {
  public:
-  explicit Table(size_t count) : data_(static_cast<T*>(pAnalysisAllocate(std::max<size_t>(count, 1) * sizeof(T)))) {}
+  explicit Table(size_t count) : data_(static_cast<T*>(pAnalysisAllocate(std::max<size_t>(count, 1) * sizeof(T)))) {
+    PreferLargePages(data_, count * sizeof(T));
+  }
   ~Table() { std::free(data_); }
   Table(const Table&) = delete;
   Table& operator=(const Table&) = delete;
@@ -883,9 +904,11 @@ void FillClosingTables(const uint32_t* distance, int32_t count, uint32_t* gap, u
 namespace {
 
 // The search keeps the last triangle, in the order first corner, third
-// corner, second corner, among those with the greatest score. It finds that
-// score by branch and bound and then the last triangle reaching it by a
-// search backwards, so that pruning can never change which one wins.
+// corner, second corner, among those with the greatest score. It is a
+// branch and bound that prunes only what cannot reach the best score so far,
+// ties included, and keeps the last of the equal ones, so that neither the
+// order of the search nor its split between two threads can change which
+// one wins.
 //
 // Bounds come from blocks of consecutive points (16, and 128 above them): for
 // each point the greatest and smallest distance into each block, and for
@@ -895,23 +918,34 @@ namespace {
 // least 28 % of the perimeter, so the perimeter is at most about 3.6 times
 // each side, and no side longer than 44 % of it, which the smallest distances
 // test; thin, nearly straight triangles are ruled out a block at a time.
+template <typename GapEntry>
 class TriangleSearch {
  public:
   static constexpr int32_t kBlock = 16;
   static constexpr int32_t kWide = 8;  // small blocks in a large one
 
-  TriangleSearch(const uint32_t* distance, int32_t count, const uint32_t* gap)
+  TriangleSearch(const uint32_t* distance, int32_t count, const GapEntry* gap)
       : d_(distance), n_(count), gap_(gap), blocks_((count + kBlock - 1) / kBlock),
         wideBlocks_((blocks_ + kWide - 1) / kWide), near_(Size(count, blocks_)), wide_(Size(count, wideBlocks_)),
         blockPairs_(Size(blocks_, blocks_)), order_(Size(blocks_, blocks_)) {}
 
   bool ok() const { return near_.ok() && wide_.ok() && blockPairs_.ok() && order_.ok(); }
 
+  // The best triangle so far: its score (-1 for none at 0 or above) and corners.
+  struct Found {
+    int64_t score = -1;
+    int32_t a = -1, b = -1, c = -1;
+    // Equal scores go to the later triangle in the order a, c, b.
+    bool Beats(const Found& other) const {
+      if (score != other.score) return score > other.score;
+      if (a != other.a) return a > other.a;
+      return c != other.c ? c > other.c : b > other.b;
+    }
+  };
+
   void Prepare();
-  // Greatest score of a flat (fai = false) or FAI triangle, or -1 for none at 0 or above.
-  int64_t BestScore(bool fai);
-  // The last triangle reaching `score`: a, b, c.
-  void FindLast(bool fai, int64_t score, int32_t* corners) const;
+  // The best flat (fai = false) or FAI triangle.
+  Found Best(bool fai);
 
  private:
   static constexpr int64_t kNone = std::numeric_limits<int64_t>::min() / 4;
@@ -976,14 +1010,16 @@ class TriangleSearch {
     return !fai || FaiMost({p.ac, p.ac}, ab, bc) >= need + p.gap;
   }
   bool MakeCorners(bool fai, int32_t a, int32_t c, int64_t need, Corners* p) const;
-  // Pass over the second corners of a pair: raises `need` past every score
-  // found (forward), or stops at the first score equal to it (backward).
-  template <bool kForward>
-  int32_t Scan(bool fai, const Corners& p, int64_t* need) const;
+  // Pass over the second corners of a pair, keeping in `found` what beats it
+  // and raising `need` to its score.
+  void Scan(bool fai, const Corners& p, int64_t* need, Found* found) const;
+  // The block pairs `part`, `part` + 2, ... of the `candidates` in order_;
+  // `shared` carries the best score either half has found.
+  void SearchPart(bool fai, int32_t candidates, int32_t part, std::atomic<int64_t>* shared, Found* found) const;
 
   const uint32_t* d_;
   int32_t n_;
-  const uint32_t* gap_;
+  const GapEntry* gap_;
   int32_t blocks_, wideBlocks_;
   Table<Span> near_;  // point x small block
   Table<Span> wide_;  // point x large block
@@ -991,7 +1027,8 @@ class TriangleSearch {
   Table<int32_t> order_;
 };
 
-void TriangleSearch::Prepare() {
+template <typename GapEntry>
+void TriangleSearch<GapEntry>::Prepare() {
   constexpr Span kEmpty = {std::numeric_limits<uint32_t>::max(), 0};
   auto widen = [](Span* s, Span t) {
     s->least = std::min(s->least, t.least);
@@ -1016,7 +1053,7 @@ void TriangleSearch::Prepare() {
   }
   for (int32_t a = 0; a + 2 < n_; ++a) {
     const uint32_t* row = Row(a);
-    const uint32_t* gaps = gap_ + ClosingRowStart(n_, a) - static_cast<size_t>(a);
+    const GapEntry* gaps = gap_ + ClosingRowStart(n_, a) - static_cast<size_t>(a);
     for (int32_t c = a + 2; c < n_; ++c) {
       const uint32_t g = gaps[c];
       if (g >= rules::kClosingGap) continue;
@@ -1042,7 +1079,8 @@ void TriangleSearch::Prepare() {
   }
 }
 
-bool TriangleSearch::MakeCorners(bool fai, int32_t a, int32_t c, int64_t need, Corners* p) const {
+template <typename GapEntry>
+bool TriangleSearch<GapEntry>::MakeCorners(bool fai, int32_t a, int32_t c, int64_t need, Corners* p) const {
   p->gap = Gap(a, c);
   if (p->gap >= rules::kClosingGap) return false;
   p->a = a;
@@ -1054,32 +1092,52 @@ bool TriangleSearch::MakeCorners(bool fai, int32_t a, int32_t c, int64_t need, C
   return !fai || FaiCap(p->ac) >= need + p->gap;
 }
 
-template <bool kForward>
-int32_t TriangleSearch::Scan(bool fai, const Corners& p, int64_t* need) const {
+template <typename GapEntry>
+void TriangleSearch<GapEntry>::Scan(bool fai, const Corners& p, int64_t* need, Found* found) const {
   const int32_t first = p.a + 1, last = p.c - 1;
   const int32_t wideFirst = first / (kBlock * kWide), wideLast = last / (kBlock * kWide);
-  for (int32_t w = 0; w <= wideLast - wideFirst; ++w) {
-    const int32_t K = kForward ? wideFirst + w : wideLast - w;
+  for (int32_t K = wideFirst; K <= wideLast; ++K) {
     if (!Open(fai, p, Wide(p.a, K), Wide(p.c, K), *need)) continue;
     const int32_t blockFirst = std::max(first / kBlock, K * kWide);
     const int32_t blockLast = std::min(last / kBlock, K * kWide + kWide - 1);
-    for (int32_t i = 0; i <= blockLast - blockFirst; ++i) {
-      const int32_t k = kForward ? blockFirst + i : blockLast - i;
+    for (int32_t k = blockFirst; k <= blockLast; ++k) {
       if (!Open(fai, p, Near(p.a, k), Near(p.c, k), *need)) continue;
       const int32_t from = std::max(first, k * kBlock), to = std::min(last, k * kBlock + kBlock - 1);
-      for (int32_t j = 0; j <= to - from; ++j) {
-        const int32_t b = kForward ? from + j : to - j;
+      for (int32_t b = from; b <= to; ++b) {
         const int64_t score = p.base + p.ra[b] + p.rc[b];
         if (score < *need || (fai && !FaiSides(p.ac, p.ra[b], p.rc[b]))) continue;
-        if (!kForward) return b;
-        *need = score + 1;
+        const Found candidate{score, p.a, b, p.c};
+        if (candidate.Beats(*found)) *found = candidate;
+        *need = score;
       }
     }
   }
-  return -1;
 }
 
-int64_t TriangleSearch::BestScore(bool fai) {
+template <typename GapEntry>
+void TriangleSearch<GapEntry>::SearchPart(bool fai, int32_t candidates, int32_t part, std::atomic<int64_t>* shared,
+                                Found* found) const {
+  int64_t need = rules::kTriangleStart + 1;  // scores below 0 are never kept
+  for (int32_t i = part; i < candidates; i += 2) {
+    need = std::max(need, shared->load(std::memory_order_relaxed));
+    const int32_t slot = order_[static_cast<size_t>(i)];
+    const int32_t A = slot / blocks_, C = slot % blocks_;
+    if (Bound(fai, A, C) < need) break;
+    for (int32_t a = A * kBlock; a < std::min(n_, (A + 1) * kBlock); ++a) {
+      for (int32_t c = std::max(C * kBlock, a + 2); c < std::min(n_, (C + 1) * kBlock); ++c) {
+        Corners p;
+        if (MakeCorners(fai, a, c, need, &p)) Scan(fai, p, &need, found);
+      }
+    }
+    // What one half finds prunes the other; the scores only ever rise.
+    int64_t known = shared->load(std::memory_order_relaxed);
+    while (known < need && !shared->compare_exchange_weak(known, need, std::memory_order_relaxed)) {
+    }
+  }
+}
+
+template <typename GapEntry>
+typename TriangleSearch<GapEntry>::Found TriangleSearch<GapEntry>::Best(bool fai) {
   int32_t candidates = 0;
   for (int32_t A = 0; A < blocks_; ++A) {
     for (int32_t C = A; C < blocks_; ++C) {
@@ -1089,68 +1147,88 @@ int64_t TriangleSearch::BestScore(bool fai) {
   // Most promising block pairs first, so that the bound soon prunes the rest.
   auto bound = [this, fai](int32_t slot) { return Bound(fai, slot / blocks_, slot % blocks_); };
   std::sort(order_.get(), order_.get() + candidates, [&bound](int32_t x, int32_t y) { return bound(x) > bound(y); });
-  int64_t need = rules::kTriangleStart + 1;  // scores below 0 are never kept
-  for (int32_t i = 0; i < candidates; ++i) {
-    const int32_t slot = order_[static_cast<size_t>(i)];
-    if (bound(slot) < need) break;
-    const int32_t A = slot / blocks_, C = slot % blocks_;
-    for (int32_t a = A * kBlock; a < std::min(n_, (A + 1) * kBlock); ++a) {
-      for (int32_t c = std::max(C * kBlock, a + 2); c < std::min(n_, (C + 1) * kBlock); ++c) {
-        Corners p;
-        if (MakeCorners(fai, a, c, need, &p)) Scan<true>(fai, p, &need);
-      }
-    }
-  }
-  return need - 1;
+  std::atomic<int64_t> shared{rules::kTriangleStart + 1};
+  Found halves[2];
+  RunInParallel([&] { SearchPart(fai, candidates, 0, &shared, &halves[0]); },
+                [&] { SearchPart(fai, candidates, 1, &shared, &halves[1]); });
+  return halves[1].Beats(halves[0]) ? halves[1] : halves[0];
 }
 
-void TriangleSearch::FindLast(bool fai, int64_t score, int32_t* corners) const {
-  for (int32_t a = n_ - 3; a >= 0; --a) {
-    const int32_t A = a / kBlock;
-    for (int32_t C = (n_ - 1) / kBlock; C >= A; --C) {
-      if (Bound(fai, A, C) < score) continue;
-      for (int32_t c = std::min(n_ - 1, C * kBlock + kBlock - 1); c >= std::max(C * kBlock, a + 2); --c) {
-        Corners p;
-        int64_t need = score;
-        if (!MakeCorners(fai, a, c, need, &p)) continue;
-        const int32_t b = Scan<false>(fai, p, &need);
-        if (b >= 0) {
-          corners[0] = a;
-          corners[1] = b;
-          corners[2] = c;
-          return;
-        }
+// The search on closing tables of either width; `closing` gives the
+// closing pair of the corners a and c as s * 65536 + e.
+template <typename GapEntry, typename ClosingPair>
+int32_t SearchTriangles(const uint32_t* distance, int32_t count, const GapEntry* gap, ClosingPair&& closing,
+                        SampledTriangles* result) {
+  *result = SampledTriangles{};
+  result->lFlatScore = rules::kTriangleStart;
+  result->lFaiScore = rules::kTriangleStart;
+  if (count < 3) return 0;
+  TriangleSearch<GapEntry> search(distance, count, gap);
+  if (!search.ok()) return -1;
+  search.Prepare();
+  for (bool fai : {false, true}) {
+    const typename TriangleSearch<GapEntry>::Found best = search.Best(fai);
+    (fai ? result->lFaiScore : result->lFlatScore) = best.score;
+    if (best.score < 0) continue;
+    const uint32_t ends = closing(best.a, best.c);
+    int32_t* out = fai ? result->anFai : result->anFlat;
+    out[0] = static_cast<int32_t>(ends >> 16);
+    out[1] = best.a;
+    out[2] = best.b;
+    out[3] = best.c;
+    out[4] = static_cast<int32_t>(ends & 0xFFFFu);
+  }
+  return 0;
+}
+
+// The closing gaps alone, held to 16 bits (only those below 800 m count):
+// a quarter of the memory of both tables, written row by row as the full
+// fill writes them.
+void FillClosingGaps(const uint32_t* distance, int32_t count, uint16_t* gap) {
+  if (count < 2) return;
+  const size_t n = static_cast<size_t>(count);
+  const int32_t last = count - 1;
+  for (int32_t a = 0; a < count - 1; ++a) {
+    const uint32_t* row = distance + static_cast<size_t>(a) * n;
+    uint16_t* here = gap + ClosingRowStart(count, a) - static_cast<size_t>(a);
+    const uint16_t* above = a > 0 ? gap + ClosingRowStart(count, a - 1) - static_cast<size_t>(a - 1) : nullptr;
+    uint32_t own = row[last];
+    for (int32_t c = last; c > a; --c) {
+      own = std::min(own, row[c]);
+      const uint16_t held = static_cast<uint16_t>(std::min<uint32_t>(own, 0xFFFFu));
+      here[c] = above != nullptr ? std::min(held, above[c]) : held;
+    }
+  }
+}
+
+// The pair the closing tables would hold for corners a and c: the closest
+// s <= a and e >= c, on ties the greatest s and then the greatest e.
+uint32_t ClosingPairOf(const uint32_t* distance, int32_t count, int32_t a, int32_t c) {
+  const size_t n = static_cast<size_t>(count);
+  uint32_t best = std::numeric_limits<uint32_t>::max();
+  uint32_t pair = 0;
+  bool found = false;
+  for (int32_t s = a; s >= 0; --s) {
+    const uint32_t* row = distance + static_cast<size_t>(s) * n;
+    for (int32_t e = count - 1; e >= c; --e) {
+      if (!found || row[e] < best) {
+        found = true;
+        best = row[e];
+        pair = static_cast<uint32_t>(s) * 65536u + static_cast<uint32_t>(e);
       }
     }
   }
+  return pair;
 }
 
 }  // namespace
 
 int32_t FindSampledTriangles(const uint32_t* distance, int32_t count, const uint32_t* gap, const uint32_t* pair,
                              SampledTriangles* result) {
-  *result = SampledTriangles{};
-  result->lFlatScore = rules::kTriangleStart;
-  result->lFaiScore = rules::kTriangleStart;
-  if (count < 3) return 0;
-  TriangleSearch search(distance, count, gap);
-  if (!search.ok()) return -1;
-  search.Prepare();
-  for (bool fai : {false, true}) {
-    const int64_t best = search.BestScore(fai);
-    (fai ? result->lFaiScore : result->lFlatScore) = best;
-    if (best < 0) continue;
-    int32_t corners[3] = {};
-    search.FindLast(fai, best, corners);
-    const uint32_t closing = pair[ClosingRowStart(count, corners[0]) + static_cast<size_t>(corners[2] - corners[0])];
-    int32_t* out = fai ? result->anFai : result->anFlat;
-    out[0] = static_cast<int32_t>(closing >> 16);
-    out[1] = corners[0];
-    out[2] = corners[1];
-    out[3] = corners[2];
-    out[4] = static_cast<int32_t>(closing & 0xFFFFu);
-  }
-  return 0;
+  return SearchTriangles(
+      distance, count, gap,
+      [pair, count](int32_t a, int32_t c) { return pair[ClosingRowStart(count, a) + static_cast<size_t>(c - a)]; },
+      result);
 }
 
 // ---------------------------------------------------------------------------
@@ -1587,10 +1665,9 @@ int32_t AnalyzeTrack(FlightAnalysis* record) {
   Table<int32_t> sample(static_cast<size_t>(limit));
   Table<double> east(static_cast<size_t>(limit)), north(static_cast<size_t>(limit));
   Table<uint32_t> distance(static_cast<size_t>(limit) * static_cast<size_t>(limit));
-  Table<uint32_t> gap(ClosingTableSize(limit));
-  Table<uint32_t> pair(ClosingTableSize(limit));
+  Table<uint16_t> gap(ClosingTableSize(limit));
   Partners partners(limit);
-  if (!sample.ok() || !east.ok() || !north.ok() || !distance.ok() || !gap.ok() || !pair.ok() || !partners.ok()) {
+  if (!sample.ok() || !east.ok() || !north.ok() || !distance.ok() || !gap.ok() || !partners.ok()) {
     std::printf("Memory allocation error\n");
     return -1;
   }
@@ -1629,9 +1706,11 @@ int32_t AnalyzeTrack(FlightAnalysis* record) {
   }
 
   std::printf("Finding greatest triangles (gap = %um)\n", rules::kClosingGap);
-  FillClosingTables(distance.get(), n, gap.get(), pair.get());
+  FillClosingGaps(distance.get(), n, gap.get());
   SampledTriangles triangles;
-  if (FindSampledTriangles(distance.get(), n, gap.get(), pair.get(), &triangles) < 0) {
+  const uint32_t* table = distance.get();
+  const auto closing = [table, n](int32_t a, int32_t c) { return ClosingPairOf(table, n, a, c); };
+  if (SearchTriangles(table, n, gap.get(), closing, &triangles) < 0) {
     std::printf("Memory allocation error\n");
     ClearResults(record);
     return -1;

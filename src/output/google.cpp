@@ -2,7 +2,9 @@
 
 #include <charconv>
 #include <cstdarg>
+#include <climits>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 
 #include "driver/main.h"
@@ -127,6 +129,26 @@ int32_t EncodeListInteger(char* out, int32_t number, bool last) {
   return static_cast<int32_t>(end - out);
 }
 
+// Appends a long text at once, the buffer doubling as AddLogTxt doubles it.
+int AppendText(TextBuffer* text, const char* data, int32_t length) {
+  if (text->data == nullptr) return -1;
+  int64_t capacity = text->capacity;
+  while (text->length + static_cast<int64_t>(length) + 1 >= capacity) capacity *= 2;
+  if (capacity > INT32_MAX) return -1;
+  if (capacity != text->capacity) {
+    char* grown = static_cast<char*>(std::malloc(static_cast<size_t>(capacity)));
+    if (grown == nullptr) return -1;
+    std::memcpy(grown, text->data, static_cast<size_t>(text->length) + 1);
+    std::free(text->data);
+    text->data = grown;
+    text->capacity = static_cast<int32_t>(capacity);
+  }
+  std::memcpy(text->data + text->length, data, static_cast<size_t>(length));
+  text->length += length;
+  text->data[text->length] = '\0';
+  return 0;
+}
+
 void FormatCalendarTime(char* out, size_t size, uint32_t gpsTime, bool utc) {
   SystemTime t{};
   ConvertGpsTimeToSystemTime(gpsTime, &t);
@@ -245,9 +267,13 @@ void AddResult(KmlText& kml, const FlightAnalysis& record, const ResultLayout& l
 
 // The track with its metadata; the values of both are under the digest.
 // Returns where the hash placeholder starts in the text, or -1 without one.
-int32_t AddTrack(KmlText& kml, const FlightAnalysis& record, bool absolute, HashContext* hash) {
+int32_t AddTrack(KmlText& kml, const FlightAnalysis& record, bool absolute, bool rewriteTimes, HashContext* hash) {
   const TrackPoint* points = record.pPoints;
   const int32_t count = record.nPoints;
+  // The times as they will be once unusable ones are replaced.
+  auto timeOf = [points, rewriteTimes](int32_t i) {
+    return rewriteTimes ? static_cast<uint32_t>(i) * 5u : points[i].dwTime;
+  };
   char secret[kXmlStartLength + 1];
   GetXmlStart(secret);
   HashString(hash, secret);
@@ -256,7 +282,7 @@ int32_t AddTrack(KmlText& kml, const FlightAnalysis& record, bool absolute, Hash
   kml.Add("      <Metadata src=\"KestrixMac64\" v=\"4.72\" type=\"track\">\r\n");
   kml.Add("        <FsInfo");
   char time[64];
-  FormatCalendarTime(time, sizeof time, points[0].dwTime, record.bUtc != 0);
+  FormatCalendarTime(time, sizeof time, timeOf(0), record.bUtc != 0 && !rewriteTimes);
   kml.Add(" time_of_first_point=\"");
   kml.AddDigested(hash, "%s", time);
   kml.Add("\"");
@@ -297,7 +323,7 @@ int32_t AddTrack(KmlText& kml, const FlightAnalysis& record, bool absolute, Hash
   for (int32_t i = 0; i < count; ++i) {
     const bool last = i + 1 == count;
     const int32_t length =
-        EncodeListInteger(value, static_cast<int32_t>(points[i].dwTime - points[0].dwTime), last);
+        EncodeListInteger(value, static_cast<int32_t>(timeOf(i) - timeOf(0)), last);
     kml.AddDigestedText(hash, value, length);
     if ((i + 1) % kTimesPerLine == 0 || last) kml.Add("\r\n");
   }
@@ -343,7 +369,28 @@ void GetXmlStart(char* secret) {
   secret[kXmlStartLength] = '\0';
 }
 
-int32_t MakeGoogleFolder(FlightAnalysis* record, TextBuffer* text) {
+int32_t MakeGoogleTrack(const FlightAnalysis* record, GoogleTrack* track) {
+  const TrackPoint* points = record->pPoints;
+  const int32_t count = record->nPoints;
+  track->result = -1;
+  if (points == nullptr || count < 1) return -1;
+  int32_t unusableTimes = 0;
+  for (int32_t i = 0; i < count; ++i) {
+    if (points[i].lGpsAltitude != 0) track->absolute = true;
+    if (IsUnusableTime(points[i].dwTime)) ++unusableTimes;
+  }
+  track->rewriteTimes = unusableTimes > 0;
+  KmlText kml(&track->text);
+  HashContext hash;
+  HashInit(&hash);
+  track->hashAt = AddTrack(kml, *record, track->absolute, track->rewriteTimes, &hash);
+  HashFinish(&hash, track->adwDigest);
+  if (kml.failed() || track->text.data == nullptr) return -1;
+  track->result = 0;
+  return 0;
+}
+
+int32_t MakeGoogleFolder(FlightAnalysis* record, TextBuffer* text, GoogleTrack* track) {
   TrackPoint* points = record->pPoints;
   const int32_t count = record->nPoints;
   if (points == nullptr || count < 1) return -1;
@@ -355,15 +402,8 @@ int32_t MakeGoogleFolder(FlightAnalysis* record, TextBuffer* text) {
       if (result.anIndex[k] < 0 || result.anIndex[k] >= count) return -1;
     }
   }
-
-  bool absolute = false;
-  int32_t unusableTimes = 0;
-  for (int32_t i = 0; i < count; ++i) {
-    if (points[i].lGpsAltitude != 0) absolute = true;
-    if (IsUnusableTime(points[i].dwTime)) ++unusableTimes;
-  }
   // Times that cannot be shown become 5-second steps from 0, no longer UTC.
-  if (unusableTimes > 0) {
+  if (track->rewriteTimes) {
     for (int32_t i = 0; i < count; ++i) points[i].dwTime = static_cast<uint32_t>(i) * 5u;
     record->bUtc = 0;
   }
@@ -372,20 +412,25 @@ int32_t MakeGoogleFolder(FlightAnalysis* record, TextBuffer* text) {
   AddHead(kml);
   AddStatistics(kml, *record);
   for (const ResultLayout& layout : kResultLayouts) AddResult(kml, *record, layout);
-  HashContext hash;
-  HashInit(&hash);
-  const int32_t hashAt = AddTrack(kml, *record, absolute, &hash);
-  uint32_t digest[5];
-  HashFinish(&hash, digest);
+  if (kml.failed() || track->result < 0) return -1;
+  const int32_t trackAt = text->length;
+  if (AppendText(text, track->text.data, track->text.length) < 0) return -1;
   kml.Add("      </LineString>\r\n");
   kml.Add("    </Placemark>\r\n");
   kml.Add("  </Folder>\r\n");
   kml.Add("%s", pszKmlTail);
   if (kml.failed()) return -1;
-  if (hashAt >= 0) {
+  if (track->hashAt >= 0) {
+    const uint32_t* digest = track->adwDigest;
     char hex[41];
     std::snprintf(hex, sizeof hex, "%08X%08X%08X%08X%08X", digest[0], digest[1], digest[2], digest[3], digest[4]);
-    std::memcpy(text->data + hashAt, hex, 40);
+    std::memcpy(text->data + trackAt + track->hashAt, hex, 40);
   }
   return 0;
+}
+
+int32_t MakeGoogleFolder(FlightAnalysis* record, TextBuffer* text) {
+  GoogleTrack track;
+  MakeGoogleTrack(record, &track);
+  return MakeGoogleFolder(record, text, &track);
 }

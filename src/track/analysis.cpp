@@ -1157,17 +1157,13 @@ typename TriangleSearch<GapEntry>::Found TriangleSearch<GapEntry>::Best(bool fai
 // The search on closing tables of either width; `closing` gives the
 // closing pair of the corners a and c as s * 65536 + e.
 template <typename GapEntry, typename ClosingPair>
-int32_t SearchTriangles(const uint32_t* distance, int32_t count, const GapEntry* gap, ClosingPair&& closing,
-                        SampledTriangles* result) {
+void FindTriangles(TriangleSearch<GapEntry>* search, ClosingPair&& closing, SampledTriangles* result) {
   *result = SampledTriangles{};
   result->lFlatScore = rules::kTriangleStart;
   result->lFaiScore = rules::kTriangleStart;
-  if (count < 3) return 0;
-  TriangleSearch<GapEntry> search(distance, count, gap);
-  if (!search.ok()) return -1;
-  search.Prepare();
+  search->Prepare();
   for (bool fai : {false, true}) {
-    const typename TriangleSearch<GapEntry>::Found best = search.Best(fai);
+    const typename TriangleSearch<GapEntry>::Found best = search->Best(fai);
     (fai ? result->lFaiScore : result->lFlatScore) = best.score;
     if (best.score < 0) continue;
     const uint32_t ends = closing(best.a, best.c);
@@ -1178,7 +1174,6 @@ int32_t SearchTriangles(const uint32_t* distance, int32_t count, const GapEntry*
     out[3] = best.c;
     out[4] = static_cast<int32_t>(ends & 0xFFFFu);
   }
-  return 0;
 }
 
 // The closing gaps alone, held to 16 bits (only those below 800 m count):
@@ -1225,10 +1220,17 @@ uint32_t ClosingPairOf(const uint32_t* distance, int32_t count, int32_t a, int32
 
 int32_t FindSampledTriangles(const uint32_t* distance, int32_t count, const uint32_t* gap, const uint32_t* pair,
                              SampledTriangles* result) {
-  return SearchTriangles(
-      distance, count, gap,
+  *result = SampledTriangles{};
+  result->lFlatScore = rules::kTriangleStart;
+  result->lFaiScore = rules::kTriangleStart;
+  if (count < 3) return 0;
+  TriangleSearch<uint32_t> search(distance, count, gap);
+  if (!search.ok()) return -1;
+  FindTriangles(
+      &search,
       [pair, count](int32_t a, int32_t c) { return pair[ClosingRowStart(count, a) + static_cast<size_t>(c - a)]; },
       result);
+  return 0;
 }
 
 // ---------------------------------------------------------------------------
@@ -1641,15 +1643,19 @@ int32_t AnalyzeTrack(FlightAnalysis* record) {
   const TrackPoint* points = record->pPoints;
   const int32_t count = record->nPoints;
   if (points == nullptr || count < 1) return 0;
-  {
-    Statistics statistics(points, count);
+  // Every table is taken here, before any work is shared with a thread.
+  Statistics statistics(points, count);
+  auto fillStatistics = [&statistics, record] {
     if (statistics.ok()) {
       statistics.Fill(record);
     } else {
       FillStatistics(record);
     }
+  };
+  if (count < 2) {
+    fillStatistics();
+    return 0;
   }
-  if (count < 2) return 0;
 
   int32_t westArc = points[0].lLongitude, eastArc = points[0].lLongitude;
   for (int32_t i = 1; i < count; ++i) {
@@ -1668,49 +1674,70 @@ int32_t AnalyzeTrack(FlightAnalysis* record) {
   Table<uint16_t> gap(ClosingTableSize(limit));
   Partners partners(limit);
   if (!sample.ok() || !east.ok() || !north.ok() || !distance.ok() || !gap.ok() || !partners.ok()) {
+    fillStatistics();
     std::printf("Memory allocation error\n");
     return -1;
   }
   const int32_t n = SamplePoints(count, sample.get());
-  for (int32_t k = 0; k < n; ++k) {
-    const MapPos map = ConvertGeoToMapPos(Geo(points[sample[k]]), centralMeridian);
-    east[k] = map.x;
-    north[k] = map.y;
-  }
-  FillDistanceTable(east.get(), north.get(), n, distance.get(), &partners);
+  std::optional<TriangleSearch<uint16_t>> search;
+  if (n >= 3) search.emplace(distance.get(), n, gap.get());
+  const bool searchable = !search || search->ok();
 
-  int32_t open[2] = {}, three[3] = {}, four[4] = {}, five[5] = {};
-  FindSampledDistances(distance.get(), n, partners, open, three, four, five);
+  // The statistics and the sampled distances at once, then the distance
+  // results and the triangles at once; each writes only its own results.
+  RunInParallel(
+      [&] {
+        for (int32_t k = 0; k < n; ++k) {
+          const MapPos map = ConvertGeoToMapPos(Geo(points[sample[k]]), centralMeridian);
+          east[k] = map.x;
+          north[k] = map.y;
+        }
+        FillDistanceTable(east.get(), north.get(), n, distance.get(), &partners);
+      },
+      fillStatistics);
+
   auto toFull = [&sample](int32_t* index, int32_t size) {
     for (int32_t m = 0; m < size; ++m) index[m] = sample[index[m]];
   };
-  toFull(open, 2);
-  toFull(three, 3);
-  toFull(four, 4);
-  toFull(five, 5);
-  CheckTp0Distance(record, &open[0], &open[1]);
-  CheckTp1Distance(record, &three[0], &three[1], &three[2]);
-  CheckTp2Distance(record, &four[0], &four[1], &four[2], &four[3]);
-  CheckTp3Distance(record, &five[0], &five[1], &five[2], &five[3], &five[4]);
-  StoreLegs(record, open, &record->tOpenDistance);
-  StoreLegs(record, three, &record->tThreePoint);
-  StoreLegs(record, four, &record->tFourPoint);
-  StoreLegs(record, five, &record->tFivePoint);
+  int32_t outAndReturn[3];
+  bool returned = false;
+  SampledTriangles triangles{};
+  triangles.lFlatScore = rules::kTriangleStart;
+  triangles.lFaiScore = rules::kTriangleStart;
+  RunInParallel(
+      [&] {
+        int32_t open[2] = {}, three[3] = {}, four[4] = {}, five[5] = {};
+        FindSampledDistances(distance.get(), n, partners, open, three, four, five);
+        toFull(open, 2);
+        toFull(three, 3);
+        toFull(four, 4);
+        toFull(five, 5);
+        CheckTp0Distance(record, &open[0], &open[1]);
+        CheckTp1Distance(record, &three[0], &three[1], &three[2]);
+        CheckTp2Distance(record, &four[0], &four[1], &four[2], &four[3]);
+        CheckTp3Distance(record, &five[0], &five[1], &five[2], &five[3], &five[4]);
+        StoreLegs(record, open, &record->tOpenDistance);
+        StoreLegs(record, three, &record->tThreePoint);
+        StoreLegs(record, four, &record->tFourPoint);
+        StoreLegs(record, five, &record->tFivePoint);
+        returned = FindSampledOutAndReturn(distance.get(), n, outAndReturn);
+        if (returned) {
+          toFull(outAndReturn, 3);
+          CheckOutAndReturn(record, &outAndReturn[0], &outAndReturn[1], &outAndReturn[2]);
+          StoreOutAndReturn(record, outAndReturn, &record->tOutAndReturn);
+        }
+      },
+      [&] {
+        if (!search || !searchable) return;
+        FillClosingGaps(distance.get(), n, gap.get());
+        const uint32_t* table = distance.get();
+        FindTriangles(
+            &*search, [table, n](int32_t a, int32_t c) { return ClosingPairOf(table, n, a, c); }, &triangles);
+      });
 
   std::printf("Finding greatest out-and-return (gap = %um)\n", rules::kClosingGap);
-  int32_t outAndReturn[3];
-  if (FindSampledOutAndReturn(distance.get(), n, outAndReturn)) {
-    toFull(outAndReturn, 3);
-    CheckOutAndReturn(record, &outAndReturn[0], &outAndReturn[1], &outAndReturn[2]);
-    StoreOutAndReturn(record, outAndReturn, &record->tOutAndReturn);
-  }
-
   std::printf("Finding greatest triangles (gap = %um)\n", rules::kClosingGap);
-  FillClosingGaps(distance.get(), n, gap.get());
-  SampledTriangles triangles;
-  const uint32_t* table = distance.get();
-  const auto closing = [table, n](int32_t a, int32_t c) { return ClosingPairOf(table, n, a, c); };
-  if (SearchTriangles(table, n, gap.get(), closing, &triangles) < 0) {
+  if (!searchable) {
     std::printf("Memory allocation error\n");
     ClearResults(record);
     return -1;

@@ -1005,9 +1005,19 @@ class TriangleSearch {
   }
 
   // Whether a second corner with these distance ranges can reach `need`.
+  // The FAI part is FaiMost's test without its divisions, the cap taken
+  // unrounded where it bounds the longest side: a little weaker, so it
+  // still never shuts out a triangle that reaches `need`.
   static bool Open(bool fai, const Corners& p, Span ab, Span bc, int64_t need) {
-    if (p.base + ab.most + bc.most < need) return false;
-    return !fai || FaiMost({p.ac, p.ac}, ab, bc) >= need + p.gap;
+    const int64_t sum = static_cast<int64_t>(p.ac) + ab.most + bc.most;
+    if (sum - p.gap < need) return false;
+    if (!fai) return true;
+    constexpr int64_t kDen = rules::kFaiSideDenominator, kNum = rules::kFaiSideNumerator;
+    const int64_t shortest = std::min({p.ac, ab.most, bc.most});
+    const int64_t longest = std::max({p.ac, ab.least, bc.least});
+    const int64_t cap = kDen * shortest + kDen - 1;  // 7 x FaiCap(shortest), before rounding down
+    return cap >= kNum * (need + p.gap) && kDen * longest <= (kDen - 2 * kNum) * sum + 2 * (kDen - 1) &&
+           kNum * kDen * longest <= (kDen - 2 * kNum) * cap + 2 * (kDen - 1) * kNum;
   }
   bool MakeCorners(bool fai, int32_t a, int32_t c, int64_t need, Corners* p) const;
   // Pass over the second corners of a pair, keeping in `found` what beats it

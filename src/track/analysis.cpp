@@ -1166,12 +1166,12 @@ typename TriangleSearch<GapEntry>::Found TriangleSearch<GapEntry>::Best(bool fai
 
 // The search on closing tables of either width; `closing` gives the
 // closing pair of the corners a and c as s * 65536 + e.
+// The best flat and FAI triangles of a prepared search.
 template <typename GapEntry, typename ClosingPair>
 void FindTriangles(TriangleSearch<GapEntry>* search, ClosingPair&& closing, SampledTriangles* result) {
   *result = SampledTriangles{};
   result->lFlatScore = rules::kTriangleStart;
   result->lFaiScore = rules::kTriangleStart;
-  search->Prepare();
   for (bool fai : {false, true}) {
     const typename TriangleSearch<GapEntry>::Found best = search->Best(fai);
     (fai ? result->lFaiScore : result->lFlatScore) = best.score;
@@ -1236,6 +1236,7 @@ int32_t FindSampledTriangles(const uint32_t* distance, int32_t count, const uint
   if (count < 3) return 0;
   TriangleSearch<uint32_t> search(distance, count, gap);
   if (!search.ok()) return -1;
+  search.Prepare();
   FindTriangles(
       &search,
       [pair, count](int32_t a, int32_t c) { return pair[ClosingRowStart(count, a) + static_cast<size_t>(c - a)]; },
@@ -1694,7 +1695,8 @@ int32_t AnalyzeTrack(FlightAnalysis* record) {
   const bool searchable = !search || search->ok();
 
   // The statistics and the sampled distances at once, then the distance
-  // results and the triangles at once; each writes only its own results.
+  // results and the preparation of the triangle search at once; each writes
+  // only its own results.
   RunInParallel(
       [&] {
         for (int32_t k = 0; k < n; ++k) {
@@ -1740,10 +1742,14 @@ int32_t AnalyzeTrack(FlightAnalysis* record) {
       [&] {
         if (!search || !searchable) return;
         FillClosingGaps(distance.get(), n, gap.get());
-        const uint32_t* table = distance.get();
-        FindTriangles(
-            &*search, [table, n](int32_t a, int32_t c) { return ClosingPairOf(table, n, a, c); }, &triangles);
+        search->Prepare();
       });
+  // The triangle search shares itself between both cores.
+  if (search && searchable) {
+    const uint32_t* table = distance.get();
+    FindTriangles(
+        &*search, [table, n](int32_t a, int32_t c) { return ClosingPairOf(table, n, a, c); }, &triangles);
+  }
 
   std::printf("Finding greatest out-and-return (gap = %um)\n", rules::kClosingGap);
   std::printf("Finding greatest triangles (gap = %um)\n", rules::kClosingGap);

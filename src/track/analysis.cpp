@@ -2,6 +2,10 @@
 
 #include <sys/mman.h>
 
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
 #include <algorithm>
 #include <atomic>
 #include <cctype>
@@ -1463,39 +1467,138 @@ struct Partners {
   Table<int32_t> fromPoint;
 };
 
+uint32_t RoundedPlanarMetres(double metres) { return metres < 4294967296.0 ? static_cast<uint32_t>(metres) : kFarAway; }
+
+// Row a measures the points after a and writes each distance into the row
+// of that point too: (x - y) squared equals (y - x) squared, so each half of
+// the table holds exactly what the other would. The partners come along:
+// the greatest distance to a later point while the row is made, the
+// greatest from an earlier point as the earlier rows reach it.
 void FillDistanceTable(const double* east, const double* north, int32_t n, uint32_t* distance, Partners* partners) {
+  const size_t width = static_cast<size_t>(n);
+  for (int32_t b = 0; b < n; ++b) {
+    partners->fromDistance[b] = 0;
+    partners->fromPoint[b] = b - 1;
+  }
+  double metres[2];
   for (int32_t a = 0; a < n; ++a) {
-    uint32_t* row = distance + static_cast<size_t>(a) * static_cast<size_t>(n);
-    // (x - y) squared equals (y - x) squared, so each half of the table
-    // holds exactly what the other would.
-    for (int32_t b = 0; b < n; ++b) {
-      const double dx = east[a] - east[b], dy = north[a] - north[b];
-      const double metres = std::sqrt(dx * dx + dy * dy) + 0.5;
-      row[b] = metres < 4294967296.0 ? static_cast<uint32_t>(metres) : kFarAway;
-    }
-    uint32_t to = 0, from = 0;
-    int32_t toPoint = a + 1, fromPoint = a - 1;
-    for (int32_t b = a + 1; b < n; ++b) {
-      if (row[b] > to) {
-        to = row[b];
+    uint32_t* row = distance + static_cast<size_t>(a) * width;
+    row[a] = 0;
+    uint32_t to = 0;
+    int32_t toPoint = a + 1;
+    auto store = [&](int32_t b, uint32_t value) {
+      row[b] = value;
+      distance[static_cast<size_t>(b) * width + static_cast<size_t>(a)] = value;
+      if (value > to) {
+        to = value;
         toPoint = b;
       }
-    }
-    for (int32_t b = 0; b < a; ++b) {
-      if (row[b] > from) {
-        from = row[b];
-        fromPoint = b;
+      if (value > partners->fromDistance[b]) {
+        partners->fromDistance[b] = value;
+        partners->fromPoint[b] = a;
       }
+    };
+    int32_t b = a + 1;
+#if defined(__SSE2__)
+    // Two distances at a time, each rounded exactly as one at a time.
+    const __m128d eastA = _mm_set1_pd(east[a]), northA = _mm_set1_pd(north[a]), half = _mm_set1_pd(0.5);
+    for (; b + 1 < n; b += 2) {
+      const __m128d dx = _mm_sub_pd(eastA, _mm_loadu_pd(east + b));
+      const __m128d dy = _mm_sub_pd(northA, _mm_loadu_pd(north + b));
+      _mm_storeu_pd(metres, _mm_add_pd(_mm_sqrt_pd(_mm_add_pd(_mm_mul_pd(dx, dx), _mm_mul_pd(dy, dy))), half));
+      store(b, RoundedPlanarMetres(metres[0]));
+      store(b + 1, RoundedPlanarMetres(metres[1]));
+    }
+#endif
+    for (; b < n; ++b) {
+      const double dx = east[a] - east[b], dy = north[a] - north[b];
+      store(b, RoundedPlanarMetres(std::sqrt(dx * dx + dy * dy) + 0.5));
     }
     partners->toDistance[a] = to;
     partners->toPoint[a] = toPoint;
-    partners->fromDistance[a] = from;
-    partners->fromPoint[a] = fromPoint;
   }
+}
+
+// The last i from `from` to `to` with the greatest x[i] + y[i], and that sum
+// in `sum`; -1 for an empty range. The sums must stay below 2^32.
+int32_t LastGreatestSum(const uint32_t* x, const uint32_t* y, int32_t from, int32_t to, int64_t* sum) {
+  if (from > to) return -1;
+  uint32_t best = 0;
+  int32_t i = from;
+#if defined(__SSE2__)
+  // Unsigned order is signed order with the top bit flipped.
+  const __m128i flip = _mm_set1_epi32(INT32_MIN);
+  __m128i most = flip;
+  for (; i + 3 <= to; i += 4) {
+    const __m128i s = _mm_xor_si128(_mm_add_epi32(_mm_loadu_si128(reinterpret_cast<const __m128i*>(x + i)),
+                                                  _mm_loadu_si128(reinterpret_cast<const __m128i*>(y + i))),
+                                    flip);
+    const __m128i greater = _mm_cmpgt_epi32(s, most);
+    most = _mm_or_si128(_mm_and_si128(greater, s), _mm_andnot_si128(greater, most));
+  }
+  uint32_t lanes[4];
+  _mm_storeu_si128(reinterpret_cast<__m128i*>(lanes), _mm_xor_si128(most, flip));
+  for (uint32_t lane : lanes) best = std::max(best, lane);
+#endif
+  for (; i <= to; ++i) best = std::max(best, x[i] + y[i]);
+  *sum = best;
+  int32_t j = to;
+#if defined(__SSE2__)
+  const __m128i wanted = _mm_set1_epi32(static_cast<int32_t>(best));
+  for (; j - 3 >= from; j -= 4) {
+    const __m128i s = _mm_add_epi32(_mm_loadu_si128(reinterpret_cast<const __m128i*>(x + j - 3)),
+                                    _mm_loadu_si128(reinterpret_cast<const __m128i*>(y + j - 3)));
+    const int mask = _mm_movemask_ps(_mm_castsi128_ps(_mm_cmpeq_epi32(s, wanted)));
+    for (int lane = 3; lane >= 0; --lane) {
+      if ((mask >> lane & 1) != 0) return j - 3 + lane;
+    }
+  }
+#endif
+  for (; j >= from; --j) {
+    if (x[j] + y[j] == best) return j;
+  }
+  return -1;
 }
 
 // Open distance, 3, 4 and 5 points on the sampled points, ties to the last
 // candidate examined. Writes sampled indices.
+// The 4- and 5-point searches of FindSampledDistances over 32-bit sums.
+void FindSampledDistancesBySums(const uint32_t* distance, int32_t n, const Partners& p, int32_t* four,
+                                int32_t* five) {
+  const size_t width = static_cast<size_t>(n);
+  const uint32_t* to = p.toDistance.get();
+  const uint32_t* from = p.fromDistance.get();
+  int64_t best = -1;
+  for (int32_t t1 = 1; t1 + 2 < n; ++t1) {
+    const uint32_t* row = distance + static_cast<size_t>(t1) * width;
+    int64_t rowBest = -1;
+    const int32_t rowPoint = LastGreatestSum(row, to, t1 + 1, n - 2, &rowBest);
+    const int64_t into = from[t1];
+    if (rowPoint >= 0 && into + rowBest >= best) {
+      best = into + rowBest;
+      four[0] = p.fromPoint[t1];
+      four[1] = t1;
+      four[2] = rowPoint;
+      four[3] = p.toPoint[rowPoint];
+    }
+  }
+  best = -1;
+  for (int32_t t2 = 2; t2 + 2 < n; ++t2) {
+    const uint32_t* row = distance + static_cast<size_t>(t2) * width;
+    int64_t before = -1, after = -1;
+    const int32_t t1 = LastGreatestSum(from, row, 1, t2 - 1, &before);
+    const int32_t t3 = LastGreatestSum(row, to, t2 + 1, n - 2, &after);
+    if (before + after >= best) {
+      best = before + after;
+      five[0] = p.fromPoint[t1];
+      five[1] = t1;
+      five[2] = t2;
+      five[3] = t3;
+      five[4] = p.toPoint[t3];
+    }
+  }
+}
+
 void FindSampledDistances(const uint32_t* distance, int32_t n, const Partners& p, int32_t* open, int32_t* three,
                           int32_t* four, int32_t* five) {
   const size_t width = static_cast<size_t>(n);
@@ -1519,6 +1622,14 @@ void FindSampledDistances(const uint32_t* distance, int32_t n, const Partners& p
       three[1] = t;
       three[2] = p.toPoint[t];
     }
+  }
+  // Below 2^31 metres every sum of two distances has 32 bits: both searches
+  // below then take the greatest sums four at a time.
+  uint32_t longest = 0;
+  for (int32_t a = 0; a < n; ++a) longest = std::max(longest, p.toDistance[a]);
+  if (longest < 0x80000000u) {
+    FindSampledDistancesBySums(distance, n, p, four, five);
+    return;
   }
   best = -1;
   for (int32_t t1 = 1; t1 + 2 < n; ++t1) {

@@ -229,8 +229,6 @@ int32_t Min1000ToArc(int32_t min1000) {
 
 struct IgcDecoding {
   char line[kLineKept + 1] = {};
-  int32_t lineLength = 0;
-  bool lineEnded = false;  // a carriage return closed the text
   int32_t lineNumber = 0;
   char manufacturer[4] = {};
   uint32_t dateBase = 0;
@@ -424,25 +422,25 @@ int32_t DecodeIgcBuffer(const uint8_t* text, int32_t length, char* pilotField, i
   d.pilotField = pilotField;
   d.pilotFieldSize = pilotFieldSize;
 
-  for (int32_t i = 0; i < length; ++i) {
-    const uint8_t byte = text[i];
-    if (byte == '\r') {
-      d.line[d.lineLength] = '\0';
-      d.lineEnded = true;
-    } else if (byte == '\n') {
-      ++d.lineNumber;
-      d.line[d.lineLength] = '\0';
-      if (ProcessLine(d) < 0) {
-        FreeTrackLog();
-        return -1;
-      }
-      d.lineLength = 0;
-      d.lineEnded = false;
-    } else if (!d.lineEnded && d.lineLength < kLineKept) {
-      d.line[d.lineLength++] = static_cast<char>(byte);
+  // A line is what comes before its line feed, cut at its first carriage
+  // return and after kLineKept characters. Text after the last line feed is
+  // an unfinished line: never processed.
+  const uint8_t* p = text;
+  const uint8_t* const end = text + (length > 0 ? length : 0);
+  while (p < end) {
+    const auto* feed = static_cast<const uint8_t*>(std::memchr(p, '\n', static_cast<size_t>(end - p)));
+    if (feed == nullptr) break;
+    size_t kept = std::min(static_cast<size_t>(feed - p), static_cast<size_t>(kLineKept));
+    if (const void* carriage = std::memchr(p, '\r', kept)) kept = static_cast<size_t>(static_cast<const uint8_t*>(carriage) - p);
+    std::memcpy(d.line, p, kept);
+    d.line[kept] = '\0';
+    ++d.lineNumber;
+    if (ProcessLine(d) < 0) {
+      FreeTrackLog();
+      return -1;
     }
+    p = feed + 1;
   }
-  // Text after the last line feed is an unfinished line: never processed.
 
   if (d.manufacturer[0] == '\0') {
     std::printf("No A-record found\n");

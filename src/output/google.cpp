@@ -58,6 +58,26 @@ constexpr ResultLayout kResultLayouts[] = {
     {&FlightAnalysis::tFaiTriangle, 5, "distance_fai_triangle", "FAI triangle", "FAI triangle", "FFFF0000", true},
 };
 
+// Appends a long text at once, the buffer doubling as AddLogTxt doubles it.
+int AppendText(TextBuffer* text, const char* data, int32_t length) {
+  if (text->data == nullptr) return -1;
+  int64_t capacity = text->capacity;
+  while (text->length + static_cast<int64_t>(length) + 1 >= capacity) capacity *= 2;
+  if (capacity > INT32_MAX) return -1;
+  if (capacity != text->capacity) {
+    char* grown = static_cast<char*>(std::malloc(static_cast<size_t>(capacity)));
+    if (grown == nullptr) return -1;
+    std::memcpy(grown, text->data, static_cast<size_t>(text->length) + 1);
+    std::free(text->data);
+    text->data = grown;
+    text->capacity = static_cast<int32_t>(capacity);
+  }
+  std::memcpy(text->data + text->length, data, static_cast<size_t>(length));
+  text->length += length;
+  text->data[text->length] = '\0';
+  return 0;
+}
+
 // Appends the pieces of one document. After the first failed append the
 // text is gone and every later piece is ignored, so callers check once.
 class KmlText {
@@ -79,13 +99,10 @@ class KmlText {
     va_end(arguments);
   }
 
-  // A value under the digest, already formatted (NUL-terminated).
-  void AddDigestedText(HashContext* hash, const char* value, int32_t length) {
+  // A finished piece of any length, as it is.
+  void AddRaw(const char* data, int32_t length) {
     if (failed_) return;
-    std::memcpy(text_->line, value, static_cast<size_t>(length) + 1);
-    text_->lineLength = length;
-    HashString(hash, text_->line);
-    failed_ = AddLogTxt(text_) < 0;
+    failed_ = AppendText(text_, data, length) < 0;
   }
 
   bool failed() const { return failed_; }
@@ -101,6 +118,33 @@ class KmlText {
 
   TextBuffer* text_;
   bool failed_ = false;
+};
+
+// The values of a list, `perLine` to a line: each value is written at
+// Room() and counted by Put(); a full line (or the last) goes to the text
+// with its line end and to the digest without.
+class ListLines {
+ public:
+  ListLines(KmlText& kml, HashContext* hash, int32_t perLine) : kml_(kml), hash_(hash), perLine_(perLine) {}
+  char* Room() { return line_ + used_; }
+  void Put(int32_t length, bool last) {
+    used_ += length;
+    if (++values_ < perLine_ && !last) return;
+    HashBuffer(hash_, reinterpret_cast<const uint8_t*>(line_), used_);
+    line_[used_++] = '\r';
+    line_[used_++] = '\n';
+    kml_.AddRaw(line_, used_);
+    used_ = 0;
+    values_ = 0;
+  }
+
+ private:
+  KmlText& kml_;
+  HashContext* hash_;
+  int32_t perLine_;
+  int32_t used_ = 0;
+  int32_t values_ = 0;
+  char line_[1024];  // 25 values of at most 40 characters, or 5 of 64
 };
 
 // Orders in which a result's points are drawn.
@@ -127,26 +171,6 @@ int32_t EncodeListInteger(char* out, int32_t number, bool last) {
   if (!last) *end++ = ' ';
   *end = '\0';
   return static_cast<int32_t>(end - out);
-}
-
-// Appends a long text at once, the buffer doubling as AddLogTxt doubles it.
-int AppendText(TextBuffer* text, const char* data, int32_t length) {
-  if (text->data == nullptr) return -1;
-  int64_t capacity = text->capacity;
-  while (text->length + static_cast<int64_t>(length) + 1 >= capacity) capacity *= 2;
-  if (capacity > INT32_MAX) return -1;
-  if (capacity != text->capacity) {
-    char* grown = static_cast<char*>(std::malloc(static_cast<size_t>(capacity)));
-    if (grown == nullptr) return -1;
-    std::memcpy(grown, text->data, static_cast<size_t>(text->length) + 1);
-    std::free(text->data);
-    text->data = grown;
-    text->capacity = static_cast<int32_t>(capacity);
-  }
-  std::memcpy(text->data + text->length, data, static_cast<size_t>(length));
-  text->length += length;
-  text->data[text->length] = '\0';
-  return 0;
 }
 
 void FormatCalendarTime(char* out, size_t size, uint32_t gpsTime, bool utc) {
@@ -316,24 +340,23 @@ int32_t AddTrack(KmlText& kml, const FlightAnalysis& record, bool absolute, bool
   }
   kml.Add(">\r\n");
 
-  // The three lists are nearly all of the document; their values are
-  // written as printf would write them, without a format string.
-  char value[96];
+  // The three lists are nearly all of the document. Their values are
+  // written as printf would write them, without a format string, a line at
+  // a time; the digest takes each line's values in one piece (they are
+  // plain ASCII, which both packings take alike), its line end not.
+  ListLines times(kml, hash, kTimesPerLine);
   kml.Add("          <SecondsFromTimeOfFirstPoint>\r\n");
   for (int32_t i = 0; i < count; ++i) {
     const bool last = i + 1 == count;
-    const int32_t length =
-        EncodeListInteger(value, static_cast<int32_t>(timeOf(i) - timeOf(0)), last);
-    kml.AddDigestedText(hash, value, length);
-    if ((i + 1) % kTimesPerLine == 0 || last) kml.Add("\r\n");
+    times.Put(EncodeListInteger(times.Room(), static_cast<int32_t>(timeOf(i) - timeOf(0)), last), last);
   }
   kml.Add("          </SecondsFromTimeOfFirstPoint>\r\n");
   if (record.bPressureAltitude != 0) {
+    ListLines pressures(kml, hash, kTimesPerLine);
     kml.Add("          <PressureAltitude>\r\n");
     for (int32_t i = 0; i < count; ++i) {
       const bool last = i + 1 == count;
-      kml.AddDigestedText(hash, value, EncodeListInteger(value, points[i].lPressureAltitude, last));
-      if ((i + 1) % kTimesPerLine == 0 || last) kml.Add("\r\n");
+      pressures.Put(EncodeListInteger(pressures.Room(), points[i].lPressureAltitude, last), last);
     }
     kml.Add("          </PressureAltitude>\r\n");
   }
@@ -343,18 +366,19 @@ int32_t AddTrack(KmlText& kml, const FlightAnalysis& record, bool absolute, bool
   kml.Add("      <LineString>\r\n");
   kml.Add("        <altitudeMode>%s</altitudeMode>\r\n", absolute ? "absolute" : "clampedToGround");
   kml.Add("        <coordinates>\r\n");
+  ListLines coordinates(kml, hash, kCoordinatesPerLine);
   for (int32_t i = 0; i < count; ++i) {
     const bool last = i + 1 == count;
     double latitude;
     double longitude;
     ConvertArcToGeoPos(points[i].lLatitude, points[i].lLongitude, &latitude, &longitude);
+    char* value = coordinates.Room();
     int32_t length = EncodeDecimalString(value, 32, longitude * kRadiansToDegrees, 6);
     value[length++] = ',';
     length += EncodeDecimalString(value + length, 32, latitude * kRadiansToDegrees, 6);
     value[length++] = ',';
     length += EncodeListInteger(value + length, AltitudeMetres(points[i].lGpsAltitude), last);
-    kml.AddDigestedText(hash, value, length);
-    if ((i + 1) % kCoordinatesPerLine == 0 || last) kml.Add("\r\n");
+    coordinates.Put(length, last);
   }
   kml.Add("        </coordinates>\r\n");
   return hashAt;

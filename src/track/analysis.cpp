@@ -931,9 +931,9 @@ class TriangleSearch {
   TriangleSearch(const uint32_t* distance, int32_t count, const GapEntry* gap)
       : d_(distance), n_(count), gap_(gap), blocks_((count + kBlock - 1) / kBlock),
         wideBlocks_((blocks_ + kWide - 1) / kWide), near_(Size(count, blocks_)), wide_(Size(count, wideBlocks_)),
-        blockPairs_(Size(blocks_, blocks_)), order_(Size(blocks_, blocks_)) {}
+        wideInto_(Size(blocks_, wideBlocks_)), blockPairs_(Size(blocks_, blocks_)), order_(Size(blocks_, blocks_)) {}
 
-  bool ok() const { return near_.ok() && wide_.ok() && blockPairs_.ok() && order_.ok(); }
+  bool ok() const { return near_.ok() && wide_.ok() && wideInto_.ok() && blockPairs_.ok() && order_.ok(); }
 
   // The best triangle so far: its score (-1 for none at 0 or above) and corners.
   struct Found {
@@ -984,6 +984,7 @@ class TriangleSearch {
   const uint32_t* Row(int32_t a) const { return d_ + Size(a, n_); }
   const Span& Near(int32_t x, int32_t k) const { return near_[Size(x, blocks_) + static_cast<size_t>(k)]; }
   const Span& Wide(int32_t x, int32_t k) const { return wide_[Size(x, wideBlocks_) + static_cast<size_t>(k)]; }
+  const Span& WideInto(int32_t A, int32_t K) const { return wideInto_[Size(A, wideBlocks_) + static_cast<size_t>(K)]; }
   BlockPair& Pair(int32_t A, int32_t C) const { return blockPairs_[Size(A, blocks_) + static_cast<size_t>(C)]; }
   int64_t Bound(bool fai, int32_t A, int32_t C) const { return fai ? Pair(A, C).faiBound : Pair(A, C).flatBound; }
 
@@ -1008,25 +1009,31 @@ class TriangleSearch {
     return kDen * longest <= (kDen - 2 * kNum) * most + 2 * (kDen - 1) ? most : -1;
   }
 
-  // Whether a second corner with these distance ranges can reach `need`.
-  // The FAI part is FaiMost's test without its divisions, the cap taken
-  // unrounded where it bounds the longest side: a little weaker, so it
+  // Whether corners with sides a-c in `ac` and a closing gap of at least
+  // `gap` and a second corner with distances in `ab` and `bc` can reach
+  // `need`. The FAI part is FaiMost's test without its divisions, the cap
+  // taken unrounded where it bounds the longest side: a little weaker, so it
   // still never shuts out a triangle that reaches `need`.
-  static bool Open(bool fai, const Corners& p, Span ab, Span bc, int64_t need) {
-    const int64_t sum = static_cast<int64_t>(p.ac) + ab.most + bc.most;
-    if (sum - p.gap < need) return false;
+  static bool Reaches(bool fai, Span ac, uint32_t gap, Span ab, Span bc, int64_t need) {
+    const int64_t sum = static_cast<int64_t>(ac.most) + ab.most + bc.most;
+    if (sum - gap < need) return false;
     if (!fai) return true;
     constexpr int64_t kDen = rules::kFaiSideDenominator, kNum = rules::kFaiSideNumerator;
-    const int64_t shortest = std::min({p.ac, ab.most, bc.most});
-    const int64_t longest = std::max({p.ac, ab.least, bc.least});
+    const int64_t shortest = std::min({ac.most, ab.most, bc.most});
+    const int64_t longest = std::max({ac.least, ab.least, bc.least});
     const int64_t cap = kDen * shortest + kDen - 1;  // 7 x FaiCap(shortest), before rounding down
-    return cap >= kNum * (need + p.gap) && kDen * longest <= (kDen - 2 * kNum) * sum + 2 * (kDen - 1) &&
+    return cap >= kNum * (need + gap) && kDen * longest <= (kDen - 2 * kNum) * sum + 2 * (kDen - 1) &&
            kNum * kDen * longest <= (kDen - 2 * kNum) * cap + 2 * (kDen - 1) * kNum;
+  }
+  // The same for a pair of corners.
+  static bool Open(bool fai, const Corners& p, Span ab, Span bc, int64_t need) {
+    return Reaches(fai, {p.ac, p.ac}, p.gap, ab, bc, need);
   }
   bool MakeCorners(bool fai, int32_t a, int32_t c, int64_t need, Corners* p) const;
   // Pass over the second corners of a pair, keeping in `found` what beats it
   // and raising `need` to its score.
-  void Scan(bool fai, const Corners& p, int64_t* need, Found* found) const;
+  // Only the large blocks of `open` (bit K for block K) are looked at.
+  void Scan(bool fai, const Corners& p, uint64_t open, int64_t* need, Found* found) const;
   // The block pairs `part`, `part` + 2, ... of the `candidates` in order_;
   // `shared` carries the best score either half has found.
   void SearchPart(bool fai, int32_t candidates, int32_t part, std::atomic<int64_t>* shared, Found* found) const;
@@ -1037,6 +1044,7 @@ class TriangleSearch {
   int32_t blocks_, wideBlocks_;
   Table<Span> near_;  // point x small block
   Table<Span> wide_;  // point x large block
+  Table<Span> wideInto_;  // small block x large block: what its points reach there
   Table<BlockPair> blockPairs_;
   Table<int32_t> order_;
 };
@@ -1056,6 +1064,13 @@ void TriangleSearch<GapEntry>::Prepare() {
       for (int32_t b = k * kBlock; b < std::min(n_, (k + 1) * kBlock); ++b) widen(&s, {row[b], row[b]});
       near_[Size(x, blocks_) + static_cast<size_t>(k)] = s;
       widen(&wide_[Size(x, wideBlocks_) + static_cast<size_t>(k / kWide)], s);
+    }
+  }
+  for (int32_t A = 0; A < blocks_; ++A) {
+    for (int32_t K = 0; K < wideBlocks_; ++K) {
+      Span s = kEmpty;
+      for (int32_t x = A * kBlock; x < std::min(n_, (A + 1) * kBlock); ++x) widen(&s, Wide(x, K));
+      wideInto_[Size(A, wideBlocks_) + static_cast<size_t>(K)] = s;
     }
   }
   for (int32_t A = 0; A < blocks_; ++A) {
@@ -1107,11 +1122,11 @@ bool TriangleSearch<GapEntry>::MakeCorners(bool fai, int32_t a, int32_t c, int64
 }
 
 template <typename GapEntry>
-void TriangleSearch<GapEntry>::Scan(bool fai, const Corners& p, int64_t* need, Found* found) const {
+void TriangleSearch<GapEntry>::Scan(bool fai, const Corners& p, uint64_t open, int64_t* need, Found* found) const {
   const int32_t first = p.a + 1, last = p.c - 1;
   const int32_t wideFirst = first / (kBlock * kWide), wideLast = last / (kBlock * kWide);
   for (int32_t K = wideFirst; K <= wideLast; ++K) {
-    if (!Open(fai, p, Wide(p.a, K), Wide(p.c, K), *need)) continue;
+    if ((open >> K & 1u) == 0 || !Open(fai, p, Wide(p.a, K), Wide(p.c, K), *need)) continue;
     const int32_t blockFirst = std::max(first / kBlock, K * kWide);
     const int32_t blockLast = std::min(last / kBlock, K * kWide + kWide - 1);
     for (int32_t k = blockFirst; k <= blockLast; ++k) {
@@ -1137,10 +1152,19 @@ void TriangleSearch<GapEntry>::SearchPart(bool fai, int32_t candidates, int32_t 
     const int32_t slot = order_[static_cast<size_t>(i)];
     const int32_t A = slot / blocks_, C = slot % blocks_;
     if (Bound(fai, A, C) < need) break;
+    // The large blocks no pair of this block pair can open, ruled out once.
+    uint64_t open = ~uint64_t{0};
+    if (wideBlocks_ <= 64) {
+      const BlockPair& pair = Pair(A, C);
+      open = 0;
+      for (int32_t K = 0; K < wideBlocks_; ++K) {
+        if (Reaches(fai, pair.side, pair.gapMin, WideInto(A, K), WideInto(C, K), need)) open |= uint64_t{1} << K;
+      }
+    }
     for (int32_t a = A * kBlock; a < std::min(n_, (A + 1) * kBlock); ++a) {
       for (int32_t c = std::max(C * kBlock, a + 2); c < std::min(n_, (C + 1) * kBlock); ++c) {
         Corners p;
-        if (MakeCorners(fai, a, c, need, &p)) Scan(fai, p, &need, found);
+        if (MakeCorners(fai, a, c, need, &p)) Scan(fai, p, open, &need, found);
       }
     }
     // What one half finds prunes the other; the scores only ever rise.

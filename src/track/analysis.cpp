@@ -979,6 +979,33 @@ class TriangleSearch {
     int64_t base;
   };
 
+  // The least and greatest of kBlock distances.
+  static Span BlockSpan(const uint32_t* values) {
+#if defined(__SSE2__)
+    static_assert(kBlock == 16);
+    // Unsigned order is signed order with the top bit flipped.
+    const __m128i flip = _mm_set1_epi32(INT32_MIN);
+    __m128i least = _mm_xor_si128(_mm_loadu_si128(reinterpret_cast<const __m128i*>(values)), flip);
+    __m128i most = least;
+    for (int32_t i = 4; i < kBlock; i += 4) {
+      const __m128i v = _mm_xor_si128(_mm_loadu_si128(reinterpret_cast<const __m128i*>(values + i)), flip);
+      const __m128i below = _mm_cmpgt_epi32(least, v), above = _mm_cmpgt_epi32(v, most);
+      least = _mm_or_si128(_mm_and_si128(below, v), _mm_andnot_si128(below, least));
+      most = _mm_or_si128(_mm_and_si128(above, v), _mm_andnot_si128(above, most));
+    }
+    uint32_t lows[4], highs[4];
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(lows), _mm_xor_si128(least, flip));
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(highs), _mm_xor_si128(most, flip));
+    return {std::min({lows[0], lows[1], lows[2], lows[3]}), std::max({highs[0], highs[1], highs[2], highs[3]})};
+#else
+    Span s = {values[0], values[0]};
+    for (int32_t i = 1; i < kBlock; ++i) {
+      s.least = std::min(s.least, values[i]);
+      s.most = std::max(s.most, values[i]);
+    }
+    return s;
+#endif
+  }
   static size_t Size(int32_t rows, int32_t columns) { return static_cast<size_t>(rows) * static_cast<size_t>(columns); }
   uint32_t Gap(int32_t a, int32_t c) const { return gap_[ClosingRowStart(n_, a) + static_cast<size_t>(c - a)]; }
   const uint32_t* Row(int32_t a) const { return d_ + Size(a, n_); }
@@ -1061,7 +1088,12 @@ void TriangleSearch<GapEntry>::Prepare() {
     for (int32_t K = 0; K < wideBlocks_; ++K) wide_[Size(x, wideBlocks_) + static_cast<size_t>(K)] = kEmpty;
     for (int32_t k = 0; k < blocks_; ++k) {
       Span s = kEmpty;
-      for (int32_t b = k * kBlock; b < std::min(n_, (k + 1) * kBlock); ++b) widen(&s, {row[b], row[b]});
+      const int32_t first = k * kBlock, end = std::min(n_, (k + 1) * kBlock);
+      if (end - first == kBlock) {
+        s = BlockSpan(row + first);
+      } else {
+        for (int32_t b = first; b < end; ++b) widen(&s, {row[b], row[b]});
+      }
       near_[Size(x, blocks_) + static_cast<size_t>(k)] = s;
       widen(&wide_[Size(x, wideBlocks_) + static_cast<size_t>(k / kWide)], s);
     }
@@ -1080,17 +1112,40 @@ void TriangleSearch<GapEntry>::Prepare() {
       for (int32_t x = A * kBlock; x < std::min(n_, (A + 1) * kBlock); ++x) widen(&pair.into, Near(x, C));
     }
   }
+  // The corner pairs that close, gathered block by block. A gap only grows
+  // along a row, so the first one too wide ends the row. FaiCap(side) - gap
+  // is kept as 7 times itself, before rounding down, and divided once.
   for (int32_t a = 0; a + 2 < n_; ++a) {
     const uint32_t* row = Row(a);
     const GapEntry* gaps = gap_ + ClosingRowStart(n_, a) - static_cast<size_t>(a);
-    for (int32_t c = a + 2; c < n_; ++c) {
-      const uint32_t g = gaps[c];
-      if (g >= rules::kClosingGap) continue;
-      BlockPair& pair = Pair(a / kBlock, c / kBlock);
-      pair.baseMax = std::max(pair.baseMax, static_cast<int64_t>(row[c]) - g);
-      pair.capMax = std::max(pair.capMax, FaiCap(row[c]) - g);
-      widen(&pair.side, {row[c], row[c]});
-      pair.gapMin = std::min(pair.gapMin, g);
+    bool closing = true;
+    for (int32_t C = (a + 2) / kBlock; C < blocks_ && closing; ++C) {
+      int64_t baseMax = kNone, capMax7 = kNone;
+      Span side = kEmpty;
+      uint32_t gapMin = std::numeric_limits<uint32_t>::max();
+      const int32_t to = std::min(n_, (C + 1) * kBlock);
+      for (int32_t c = std::max(C * kBlock, a + 2); c < to; ++c) {
+        const uint32_t g = gaps[c];
+        if (g >= rules::kClosingGap) {
+          closing = false;
+          break;
+        }
+        const int64_t v = row[c];
+        baseMax = std::max(baseMax, v - g);
+        capMax7 = std::max(capMax7, v * rules::kFaiSideDenominator + rules::kFaiSideDenominator - 1 -
+                                        static_cast<int64_t>(g) * rules::kFaiSideNumerator);
+        side.least = std::min(side.least, row[c]);
+        side.most = std::max(side.most, row[c]);
+        gapMin = std::min(gapMin, g);
+      }
+      if (baseMax == kNone) continue;
+      BlockPair& pair = Pair(a / kBlock, C);
+      pair.baseMax = std::max(pair.baseMax, baseMax);
+      const int64_t cap = capMax7 >= 0 ? capMax7 / rules::kFaiSideNumerator
+                                       : -((-capMax7 + rules::kFaiSideNumerator - 1) / rules::kFaiSideNumerator);
+      pair.capMax = std::max(pair.capMax, cap);
+      widen(&pair.side, side);
+      pair.gapMin = std::min(pair.gapMin, gapMin);
     }
   }
   for (int32_t A = 0; A < blocks_; ++A) {

@@ -948,6 +948,10 @@ class TriangleSearch {
   };
 
   void Prepare();
+  // Prepare in two steps: the spans of each row, as soon as the row is
+  // complete, then the rest once every row is.
+  void PrepareRow(int32_t x);
+  void PrepareBlocks();
   // The best flat (fai = false) or FAI triangle.
   Found Best(bool fai);
 
@@ -1078,26 +1082,39 @@ class TriangleSearch {
 
 template <typename GapEntry>
 void TriangleSearch<GapEntry>::Prepare() {
+  for (int32_t x = 0; x < n_; ++x) PrepareRow(x);
+  PrepareBlocks();
+}
+
+template <typename GapEntry>
+void TriangleSearch<GapEntry>::PrepareRow(int32_t x) {
   constexpr Span kEmpty = {std::numeric_limits<uint32_t>::max(), 0};
   auto widen = [](Span* s, Span t) {
     s->least = std::min(s->least, t.least);
     s->most = std::max(s->most, t.most);
   };
-  for (int32_t x = 0; x < n_; ++x) {
-    const uint32_t* row = Row(x);
-    for (int32_t K = 0; K < wideBlocks_; ++K) wide_[Size(x, wideBlocks_) + static_cast<size_t>(K)] = kEmpty;
-    for (int32_t k = 0; k < blocks_; ++k) {
-      Span s = kEmpty;
-      const int32_t first = k * kBlock, end = std::min(n_, (k + 1) * kBlock);
-      if (end - first == kBlock) {
-        s = BlockSpan(row + first);
-      } else {
-        for (int32_t b = first; b < end; ++b) widen(&s, {row[b], row[b]});
-      }
-      near_[Size(x, blocks_) + static_cast<size_t>(k)] = s;
-      widen(&wide_[Size(x, wideBlocks_) + static_cast<size_t>(k / kWide)], s);
+  const uint32_t* row = Row(x);
+  for (int32_t K = 0; K < wideBlocks_; ++K) wide_[Size(x, wideBlocks_) + static_cast<size_t>(K)] = kEmpty;
+  for (int32_t k = 0; k < blocks_; ++k) {
+    Span s = kEmpty;
+    const int32_t first = k * kBlock, end = std::min(n_, (k + 1) * kBlock);
+    if (end - first == kBlock) {
+      s = BlockSpan(row + first);
+    } else {
+      for (int32_t b = first; b < end; ++b) widen(&s, {row[b], row[b]});
     }
+    near_[Size(x, blocks_) + static_cast<size_t>(k)] = s;
+    widen(&wide_[Size(x, wideBlocks_) + static_cast<size_t>(k / kWide)], s);
   }
+}
+
+template <typename GapEntry>
+void TriangleSearch<GapEntry>::PrepareBlocks() {
+  constexpr Span kEmpty = {std::numeric_limits<uint32_t>::max(), 0};
+  auto widen = [](Span* s, Span t) {
+    s->least = std::min(s->least, t.least);
+    s->most = std::max(s->most, t.most);
+  };
   for (int32_t A = 0; A < blocks_; ++A) {
     for (int32_t K = 0; K < wideBlocks_; ++K) {
       Span s = kEmpty;
@@ -1269,23 +1286,21 @@ void FindTriangles(TriangleSearch<GapEntry>* search, ClosingPair&& closing, Samp
   }
 }
 
-// The closing gaps alone, held to 16 bits (only those below 800 m count):
-// a quarter of the memory of both tables, written row by row as the full
-// fill writes them.
-void FillClosingGaps(const uint32_t* distance, int32_t count, uint16_t* gap) {
-  if (count < 2) return;
-  const size_t n = static_cast<size_t>(count);
+// Row a of the closing gaps alone, held to 16 bits (only those below 800 m
+// count): a quarter of the memory of both tables, written as the full fill
+// writes them, once row a of the distances and row a - 1 of the gaps are
+// there.
+void FillClosingGapsRow(const uint32_t* distance, int32_t count, int32_t a, uint16_t* gap) {
+  if (a >= count - 1) return;
   const int32_t last = count - 1;
-  for (int32_t a = 0; a < count - 1; ++a) {
-    const uint32_t* row = distance + static_cast<size_t>(a) * n;
-    uint16_t* here = gap + ClosingRowStart(count, a) - static_cast<size_t>(a);
-    const uint16_t* above = a > 0 ? gap + ClosingRowStart(count, a - 1) - static_cast<size_t>(a - 1) : nullptr;
-    uint32_t own = row[last];
-    for (int32_t c = last; c > a; --c) {
-      own = std::min(own, row[c]);
-      const uint16_t held = static_cast<uint16_t>(std::min<uint32_t>(own, 0xFFFFu));
-      here[c] = above != nullptr ? std::min(held, above[c]) : held;
-    }
+  const uint32_t* row = distance + static_cast<size_t>(a) * static_cast<size_t>(count);
+  uint16_t* here = gap + ClosingRowStart(count, a) - static_cast<size_t>(a);
+  const uint16_t* above = a > 0 ? gap + ClosingRowStart(count, a - 1) - static_cast<size_t>(a - 1) : nullptr;
+  uint32_t own = row[last];
+  for (int32_t c = last; c > a; --c) {
+    own = std::min(own, row[c]);
+    const uint16_t held = static_cast<uint16_t>(std::min<uint32_t>(own, 0xFFFFu));
+    here[c] = above != nullptr ? std::min(held, above[c]) : held;
   }
 }
 
@@ -1553,7 +1568,9 @@ uint32_t RoundedPlanarMetres(double metres) { return metres < 4294967296.0 ? sta
 // the table holds exactly what the other would. The partners come along:
 // the greatest distance to a later point while the row is made, the
 // greatest from an earlier point as the earlier rows reach it.
-void FillDistanceTable(const double* east, const double* north, int32_t n, uint32_t* distance, Partners* partners) {
+template <typename RowDone>
+void FillDistanceTable(const double* east, const double* north, int32_t n, uint32_t* distance, Partners* partners,
+                       RowDone&& rowDone) {
   const size_t width = static_cast<size_t>(n);
   for (int32_t b = 0; b < n; ++b) {
     partners->fromDistance[b] = 0;
@@ -1595,6 +1612,7 @@ void FillDistanceTable(const double* east, const double* north, int32_t n, uint3
     }
     partners->toDistance[a] = to;
     partners->toPoint[a] = toPoint;
+    rowDone(a);  // the rows before have filled in the rest of this one
   }
 }
 
@@ -1824,7 +1842,7 @@ int32_t SearchSampledDistances(const FlightAnalysis* record, SampledDistances* f
     east[k] = map.x;
     north[k] = map.y;
   }
-  FillDistanceTable(east.get(), north.get(), n, distance.get(), &partners);
+  FillDistanceTable(east.get(), north.get(), n, distance.get(), &partners, [](int32_t) {});
   FindSampledDistances(distance.get(), n, partners, found->anOpen, found->anThree, found->anFour, found->anFive);
   found->bOutAndReturn = FindSampledOutAndReturn(distance.get(), n, found->anOutAndReturn) ? 1 : 0;
   auto toFull = [&sample](int32_t* index, int32_t size) {
@@ -1884,8 +1902,8 @@ int32_t AnalyzeTrack(FlightAnalysis* record) {
   if (n >= 3) search.emplace(distance.get(), n, gap.get());
   const bool searchable = !search || search->ok();
 
-  // The statistics and the sampled distances at once, then the distance
-  // results and the preparation of the triangle search at once; each writes
+  // The statistics beside the sampled distances, then the distance results
+  // beside the rest of the preparation of the triangle search; each writes
   // only its own results.
   RunInParallel(
       [&] {
@@ -1894,7 +1912,13 @@ int32_t AnalyzeTrack(FlightAnalysis* record) {
           east[k] = map.x;
           north[k] = map.y;
         }
-        FillDistanceTable(east.get(), north.get(), n, distance.get(), &partners);
+        // Each row, once complete, gives its closing gaps and its spans for
+        // the triangle search while it is at hand.
+        FillDistanceTable(east.get(), north.get(), n, distance.get(), &partners, [&](int32_t a) {
+          if (!search || !searchable) return;
+          FillClosingGapsRow(distance.get(), n, a, gap.get());
+          search->PrepareRow(a);
+        });
       },
       fillStatistics);
 
@@ -1930,9 +1954,7 @@ int32_t AnalyzeTrack(FlightAnalysis* record) {
         }
       },
       [&] {
-        if (!search || !searchable) return;
-        FillClosingGaps(distance.get(), n, gap.get());
-        search->Prepare();
+        if (search && searchable) search->PrepareBlocks();
       });
   // The triangle search shares itself between both cores.
   if (search && searchable) {

@@ -1903,8 +1903,17 @@ int32_t AnalyzeTrack(FlightAnalysis* record) {
   const bool searchable = !search || search->ok();
 
   // The statistics beside the sampled distances, then the distance results
-  // beside the rest of the preparation of the triangle search; each writes
-  // only its own results.
+  // beside the preparation of the triangle search; each writes only its own
+  // results. Each row of distances, once complete, gives its closing gaps
+  // and its spans for the triangle search: while the row is at hand when
+  // the statistics of a long track take longer than the table, afterwards
+  // when they do not.
+  const bool rowsAlong = count > 4 * rules::kSampleLimit;
+  auto prepareRow = [&](int32_t a) {
+    if (!search || !searchable) return;
+    FillClosingGapsRow(distance.get(), n, a, gap.get());
+    search->PrepareRow(a);
+  };
   RunInParallel(
       [&] {
         for (int32_t k = 0; k < n; ++k) {
@@ -1912,12 +1921,8 @@ int32_t AnalyzeTrack(FlightAnalysis* record) {
           east[k] = map.x;
           north[k] = map.y;
         }
-        // Each row, once complete, gives its closing gaps and its spans for
-        // the triangle search while it is at hand.
         FillDistanceTable(east.get(), north.get(), n, distance.get(), &partners, [&](int32_t a) {
-          if (!search || !searchable) return;
-          FillClosingGapsRow(distance.get(), n, a, gap.get());
-          search->PrepareRow(a);
+          if (rowsAlong) prepareRow(a);
         });
       },
       fillStatistics);
@@ -1954,7 +1959,11 @@ int32_t AnalyzeTrack(FlightAnalysis* record) {
         }
       },
       [&] {
-        if (search && searchable) search->PrepareBlocks();
+        if (!search || !searchable) return;
+        if (!rowsAlong) {
+          for (int32_t a = 0; a < n; ++a) prepareRow(a);
+        }
+        search->PrepareBlocks();
       });
   // The triangle search shares itself between both cores.
   if (search && searchable) {

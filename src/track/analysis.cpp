@@ -123,20 +123,6 @@ bool ParseTrackSelection(const char* word, TrackSpan* tracks, int32_t count) {
   }
 }
 
-// Speed from the earlier point to the later one in m/s; 0 unless time advances.
-double StepSpeed(const TrackPoint& earlier, const TrackPoint& later) {
-  if (later.dwTime <= earlier.dwTime) return 0.0;
-  return Distance(earlier, later) / static_cast<double>(later.dwTime - earlier.dwTime);
-}
-
-// Speed of `point` against a reference later in the log and not earlier in
-// time; equal times give an infinite speed.
-double SpeedBackTo(const TrackPoint& point, const TrackPoint& reference) {
-  uint32_t dt = reference.dwTime - point.dwTime;
-  if (dt == 0) return std::numeric_limits<double>::infinity();
-  return Distance(point, reference) / static_cast<double>(dt);
-}
-
 }  // namespace
 
 int32_t CheckForInvalidTimeStamps() {
@@ -251,9 +237,31 @@ int32_t CheckForSpeedConsistency() {
   int32_t count = tGps.nTrackPoints;
   if (tGps.bNoAnalysis != 0 || count < rules::kSpeedCheckMinPoints) return 0;
 
+  // Each point's reduced latitude once and each step's speed once; without
+  // the memory for them every distance is measured as it comes.
+  Table<GeoPoint> geo(static_cast<size_t>(count));
+  Table<double> steps(static_cast<size_t>(count));
+  const bool prepared = geo.ok() && steps.ok();
+  auto distance = [&](int32_t a, int32_t b) {
+    if (!prepared) return Distance(points[a], points[b]);
+    double d = 0.0;
+    CalcPreparedDistance(geo[static_cast<size_t>(a)], geo[static_cast<size_t>(b)], &d);
+    return d;
+  };
+  // Speed from point i - 1 to point i in m/s; 0 unless time advances.
+  auto stepSpeed = [&](int32_t i) {
+    if (points[i].dwTime <= points[i - 1].dwTime) return 0.0;
+    return distance(i - 1, i) / static_cast<double>(points[i].dwTime - points[i - 1].dwTime);
+  };
+  if (prepared) {
+    for (int32_t i = 0; i < count; ++i) geo[static_cast<size_t>(i)] = PrepareGeoPoint(Geo(points[i]));
+    for (int32_t i = 1; i < count; ++i) steps[static_cast<size_t>(i)] = stepSpeed(i);
+  }
+  auto step = [&](int32_t i) { return prepared ? steps[static_cast<size_t>(i)] : stepSpeed(i); };
+
   int32_t bins[rules::kSpeedBins] = {};
   for (int32_t i = 1; i < count; ++i) {
-    double speed = std::min(StepSpeed(points[i - 1], points[i]), 1000000.0);
+    double speed = std::min(step(i), 1000000.0);
     int32_t bin = static_cast<int32_t>(speed);
     if (bin < rules::kSpeedBins) ++bins[bin];
   }
@@ -270,7 +278,7 @@ int32_t CheckForSpeedConsistency() {
   int32_t run = 0;
   double speed = 0.0;
   for (int32_t i = 1; i < count; ++i) {
-    speed = StepSpeed(points[i - 1], points[i]);
+    speed = step(i);
     run = speed < limit ? run + 1 : 0;
     if (run == rules::kSpeedAnchorRun) {
       anchor = i;
@@ -285,7 +293,11 @@ int32_t CheckForSpeedConsistency() {
   // Backwards, a point later in time than the reference keeps the speed of
   // the step before: deliberate.
   for (int32_t i = anchor - 1; i >= 0; --i) {
-    if (points[i].dwTime <= points[reference].dwTime) speed = SpeedBackTo(points[i], points[reference]);
+    if (points[i].dwTime <= points[reference].dwTime) {
+      // Against a reference later in the log: equal times give an infinite speed.
+      const uint32_t dt = points[reference].dwTime - points[i].dwTime;
+      speed = dt == 0 ? std::numeric_limits<double>::infinity() : distance(i, reference) / static_cast<double>(dt);
+    }
     if (speed < limit) {
       points[i].dwFlags |= rules::kKeepMark;
       reference = i;
@@ -295,7 +307,7 @@ int32_t CheckForSpeedConsistency() {
   for (int32_t i = anchor + 1; i < count; ++i) {
     uint32_t dt = points[i].dwTime - points[reference].dwTime;
     speed = points[i].dwTime > points[reference].dwTime
-                ? Distance(points[i], points[reference]) / static_cast<double>(dt)
+                ? distance(i, reference) / static_cast<double>(dt)
                 : 0.0;
     if (speed < limit) {
       points[i].dwFlags |= rules::kKeepMark;

@@ -1059,14 +1059,14 @@ class TriangleSearch {
   // still never shuts out a triangle that reaches `need`.
   static bool Reaches(bool fai, Span ac, uint32_t gap, Span ab, Span bc, int64_t need) {
     const int64_t sum = static_cast<int64_t>(ac.most) + ab.most + bc.most;
-    if (sum - gap < need) return false;
-    if (!fai) return true;
+    if (!fai) return sum - gap >= need;
     constexpr int64_t kDen = rules::kFaiSideDenominator, kNum = rules::kFaiSideNumerator;
     const int64_t shortest = std::min({ac.most, ab.most, bc.most});
     const int64_t longest = std::max({ac.least, ab.least, bc.least});
     const int64_t cap = kDen * shortest + kDen - 1;  // 7 x FaiCap(shortest), before rounding down
-    return cap >= kNum * (need + gap) && kDen * longest <= (kDen - 2 * kNum) * sum + 2 * (kDen - 1) &&
-           kNum * kDen * longest <= (kDen - 2 * kNum) * cap + 2 * (kDen - 1) * kNum;
+    // The shape test first: it rules out nearly every block that fails.
+    return kNum * kDen * longest <= (kDen - 2 * kNum) * cap + 2 * (kDen - 1) * kNum && sum - gap >= need &&
+           cap >= kNum * (need + gap) && kDen * longest <= (kDen - 2 * kNum) * sum + 2 * (kDen - 1);
   }
   // The same for a pair of corners.
   static bool Open(bool fai, const Corners& p, Span ab, Span bc, int64_t need) {

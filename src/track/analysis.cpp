@@ -942,10 +942,13 @@ class TriangleSearch {
 
   TriangleSearch(const uint32_t* distance, int32_t count, const GapEntry* gap)
       : d_(distance), n_(count), gap_(gap), blocks_((count + kBlock - 1) / kBlock),
-        wideBlocks_((blocks_ + kWide - 1) / kWide), near_(Size(count, blocks_)), wide_(Size(count, wideBlocks_)),
+        wideBlocks_((blocks_ + kWide - 1) / kWide), near_(Size(count, blocks_)), shape_(Size(count, blocks_ + kWide)),
+        wide_(Size(count, wideBlocks_)),
         wideInto_(Size(blocks_, wideBlocks_)), blockPairs_(Size(blocks_, blocks_)), order_(Size(blocks_, blocks_)) {}
 
-  bool ok() const { return near_.ok() && wide_.ok() && wideInto_.ok() && blockPairs_.ok() && order_.ok(); }
+  bool ok() const {
+    return near_.ok() && shape_.ok() && wide_.ok() && wideInto_.ok() && blockPairs_.ok() && order_.ok();
+  }
 
   // The best triangle so far: its score (-1 for none at 0 or above) and corners.
   struct Found {
@@ -1068,6 +1071,18 @@ class TriangleSearch {
     return kNum * kDen * longest <= (kDen - 2 * kNum) * cap + 2 * (kDen - 1) * kNum && sum - gap >= need &&
            cap >= kNum * (need + gap) && kDen * longest <= (kDen - 2 * kNum) * sum + 2 * (kDen - 1);
   }
+  static constexpr uint32_t kShapeLimit = uint32_t{1} << 21;
+  static int32_t ShapeLow(uint32_t least) {
+    return static_cast<int32_t>(std::min(least, kShapeLimit)) * rules::kFaiSideNumerator * rules::kFaiSideDenominator;
+  }
+  static int32_t ShapeHigh(uint32_t most) {
+    constexpr int32_t kDen = rules::kFaiSideDenominator, kNum = rules::kFaiSideNumerator;
+    return static_cast<int32_t>(std::min(most, kShapeLimit)) * ((kDen - 2 * kNum) * kDen) +
+           (kDen - 2 * kNum) * (kDen - 1) + 2 * (kDen - 1) * kNum;
+  }
+  // Bit i set for each of the kWide small blocks from `k` on that may pass
+  // the FAI shape test with the corners of `p`.
+  uint32_t Shapes(const Corners& p, int32_t k) const;
   // The same for a pair of corners.
   static bool Open(bool fai, const Corners& p, Span ab, Span bc, int64_t need) {
     return Reaches(fai, {p.ac, p.ac}, p.gap, ab, bc, need);
@@ -1086,6 +1101,17 @@ class TriangleSearch {
   const GapEntry* gap_;
   int32_t blocks_, wideBlocks_;
   Table<Span> near_;  // point x small block
+  // The FAI shape test of Reaches, scaled to 32 bits: per point and small
+  // block (and kWide blocks of padding that never pass), 175 x least and
+  // 275 x most + 600. A block can pass only where the greatest of the first
+  // is at most the least of the second, which Shapes tests four blocks at a
+  // time while every distance is below 2^21 m.
+  struct Shape {
+    int32_t low;
+    int32_t high;
+  };
+  Table<Shape> shape_;
+  bool shaped_ = true;
   Table<Span> wide_;  // point x large block
   Table<Span> wideInto_;  // small block x large block: what its points reach there
   Table<BlockPair> blockPairs_;
@@ -1117,6 +1143,11 @@ void TriangleSearch<GapEntry>::PrepareRow(int32_t x) {
     }
     near_[Size(x, blocks_) + static_cast<size_t>(k)] = s;
     widen(&wide_[Size(x, wideBlocks_) + static_cast<size_t>(k / kWide)], s);
+    if (s.most >= kShapeLimit) shaped_ = false;
+    shape_[Size(x, blocks_ + kWide) + static_cast<size_t>(k)] = {ShapeLow(s.least), ShapeHigh(s.most)};
+  }
+  for (int32_t k = blocks_; k < blocks_ + kWide; ++k) {
+    shape_[Size(x, blocks_ + kWide) + static_cast<size_t>(k)] = {std::numeric_limits<int32_t>::max(), 0};
   }
 }
 
@@ -1206,14 +1237,66 @@ bool TriangleSearch<GapEntry>::MakeCorners(bool fai, int32_t a, int32_t c, int64
 }
 
 template <typename GapEntry>
+uint32_t TriangleSearch<GapEntry>::Shapes(const Corners& p, int32_t k) const {
+  static_assert(kWide == 8);
+  const Shape* sa = &shape_[Size(p.a, blocks_ + kWide) + static_cast<size_t>(k)];
+  const Shape* sc = &shape_[Size(p.c, blocks_ + kWide) + static_cast<size_t>(k)];
+  const int32_t acLow = ShapeLow(p.ac), acHigh = ShapeHigh(p.ac);
+  uint32_t passing = 0;
+#if defined(__SSE2__)
+  const __m128i low0 = _mm_set1_epi32(acLow), high0 = _mm_set1_epi32(acHigh);
+  for (int32_t half = 0; half < 2; ++half) {
+    // Two blocks' (low, high) pairs in each load: lanes low, high, low, high.
+    const __m128i a0 = _mm_loadu_si128(reinterpret_cast<const __m128i*>(sa + 4 * half));
+    const __m128i a1 = _mm_loadu_si128(reinterpret_cast<const __m128i*>(sa + 4 * half + 2));
+    const __m128i c0 = _mm_loadu_si128(reinterpret_cast<const __m128i*>(sc + 4 * half));
+    const __m128i c1 = _mm_loadu_si128(reinterpret_cast<const __m128i*>(sc + 4 * half + 2));
+    // Lows of the four blocks in one register, highs in another.
+    const __m128i aLow = _mm_castps_si128(_mm_shuffle_ps(_mm_castsi128_ps(a0), _mm_castsi128_ps(a1), 0x88));
+    const __m128i aHigh = _mm_castps_si128(_mm_shuffle_ps(_mm_castsi128_ps(a0), _mm_castsi128_ps(a1), 0xDD));
+    const __m128i cLow = _mm_castps_si128(_mm_shuffle_ps(_mm_castsi128_ps(c0), _mm_castsi128_ps(c1), 0x88));
+    const __m128i cHigh = _mm_castps_si128(_mm_shuffle_ps(_mm_castsi128_ps(c0), _mm_castsi128_ps(c1), 0xDD));
+    auto most = [](__m128i x, __m128i y) {
+      const __m128i greater = _mm_cmpgt_epi32(x, y);
+      return _mm_or_si128(_mm_and_si128(greater, x), _mm_andnot_si128(greater, y));
+    };
+    auto least = [](__m128i x, __m128i y) {
+      const __m128i greater = _mm_cmpgt_epi32(x, y);
+      return _mm_or_si128(_mm_and_si128(greater, y), _mm_andnot_si128(greater, x));
+    };
+    const __m128i low = most(most(aLow, cLow), low0);
+    const __m128i high = least(least(aHigh, cHigh), high0);
+    const int failing = _mm_movemask_ps(_mm_castsi128_ps(_mm_cmpgt_epi32(low, high)));
+    passing |= static_cast<uint32_t>(~failing & 0xF) << (4 * half);
+  }
+#else
+  for (int32_t i = 0; i < kWide; ++i) {
+    const int32_t low = std::max({acLow, sa[i].low, sc[i].low});
+    const int32_t high = std::min({acHigh, sa[i].high, sc[i].high});
+    if (low <= high) passing |= 1u << i;
+  }
+#endif
+  return passing;
+}
+
+template <typename GapEntry>
 void TriangleSearch<GapEntry>::Scan(bool fai, const Corners& p, uint64_t open, int64_t* need, Found* found) const {
   const int32_t first = p.a + 1, last = p.c - 1;
   const int32_t wideFirst = first / (kBlock * kWide), wideLast = last / (kBlock * kWide);
   for (int32_t K = wideFirst; K <= wideLast; ++K) {
-    if ((open >> K & 1u) == 0 || !Open(fai, p, Wide(p.a, K), Wide(p.c, K), *need)) continue;
+    if ((open >> K & 1u) == 0) continue;
+    const bool shaped = fai && shaped_ && p.ac < kShapeLimit;
+    // With the shape test of the small blocks at hand, the large block's own
+    // test would rule out little more.
+    if (!shaped && !Open(fai, p, Wide(p.a, K), Wide(p.c, K), *need)) continue;
     const int32_t blockFirst = std::max(first / kBlock, K * kWide);
     const int32_t blockLast = std::min(last / kBlock, K * kWide + kWide - 1);
-    for (int32_t k = blockFirst; k <= blockLast; ++k) {
+    // The small blocks in reach, less those that fail the FAI shape test,
+    // ruled out a large block at a time.
+    uint32_t blocks = ((2u << (blockLast - K * kWide)) - 1) & ~((1u << (blockFirst - K * kWide)) - 1);
+    if (shaped) blocks &= Shapes(p, K * kWide);
+    for (; blocks != 0; blocks &= blocks - 1) {
+      const int32_t k = K * kWide + __builtin_ctz(blocks);
       if (!Open(fai, p, Near(p.a, k), Near(p.c, k), *need)) continue;
       const int32_t from = std::max(first, k * kBlock), to = std::min(last, k * kBlock + kBlock - 1);
       for (int32_t b = from; b <= to; ++b) {

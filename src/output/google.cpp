@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <utility>
 
 #include "driver/main.h"
 #include "geo/conv.h"
@@ -58,11 +59,15 @@ constexpr ResultLayout kResultLayouts[] = {
     {&FlightAnalysis::tFaiTriangle, 5, "distance_fai_triangle", "FAI triangle", "FAI triangle", "FFFF0000", true},
 };
 
-// Appends a long text at once, the buffer doubling as AddLogTxt doubles it.
-int AppendText(TextBuffer* text, const char* data, int32_t length) {
+constexpr int32_t kListRoomPerPoint = 64;
+constexpr int32_t kDocumentRoom = 65536;
+
+// Room for `needed` bytes and the terminator, the buffer doubling as
+// AddLogTxt doubles it.
+int Reserve(TextBuffer* text, int64_t needed) {
   if (text->data == nullptr) return -1;
   int64_t capacity = text->capacity;
-  while (text->length + static_cast<int64_t>(length) + 1 >= capacity) capacity *= 2;
+  while (needed + 1 >= capacity) capacity *= 2;
   if (capacity > INT32_MAX) return -1;
   if (capacity != text->capacity) {
     char* grown = static_cast<char*>(std::malloc(static_cast<size_t>(capacity)));
@@ -72,6 +77,12 @@ int AppendText(TextBuffer* text, const char* data, int32_t length) {
     text->data = grown;
     text->capacity = static_cast<int32_t>(capacity);
   }
+  return 0;
+}
+
+// Appends a long text at once.
+int AppendText(TextBuffer* text, const char* data, int32_t length) {
+  if (Reserve(text, static_cast<int64_t>(text->length) + length) < 0) return -1;
   std::memcpy(text->data + text->length, data, static_cast<size_t>(length));
   text->length += length;
   text->data[text->length] = '\0';
@@ -404,6 +415,17 @@ int32_t MakeGoogleTrack(const FlightAnalysis* record, GoogleTrack* track) {
     if (IsUnusableTime(points[i].dwTime)) ++unusableTimes;
   }
   track->rewriteTimes = unusableTimes > 0;
+  // Room for the whole document at once: a point takes at most 60
+  // characters in the three lists, and the rest of the document is short.
+  // Pages never written are never touched.
+  const int64_t room = int64_t{kListRoomPerPoint} * count + kDocumentRoom;
+  if (room < INT32_MAX) {
+    track->text.data = static_cast<char*>(std::malloc(static_cast<size_t>(room)));
+    if (track->text.data == nullptr) return -1;
+    track->text.capacity = static_cast<int32_t>(room);
+    track->text.length = 0;
+    track->text.data[0] = '\0';
+  }
   KmlText kml(&track->text);
   HashContext hash;
   HashInit(&hash);
@@ -437,8 +459,16 @@ int32_t MakeGoogleFolder(FlightAnalysis* record, TextBuffer* text, GoogleTrack* 
   AddStatistics(kml, *record);
   for (const ResultLayout& layout : kResultLayouts) AddResult(kml, *record, layout);
   if (kml.failed() || track->result < 0) return -1;
+  // The track's text becomes the document, the head moved in before it.
   const int32_t trackAt = text->length;
-  if (AppendText(text, track->text.data, track->text.length) < 0) return -1;
+  TextBuffer& body = track->text;
+  if (Reserve(&body, static_cast<int64_t>(trackAt) + body.length + kDocumentRoom) < 0) return -1;
+  std::memmove(body.data + trackAt, body.data, static_cast<size_t>(body.length) + 1);
+  std::memcpy(body.data, text->data, static_cast<size_t>(trackAt));
+  body.length += trackAt;
+  std::swap(text->data, body.data);
+  std::swap(text->capacity, body.capacity);
+  std::swap(text->length, body.length);
   kml.Add("      </LineString>\r\n");
   kml.Add("    </Placemark>\r\n");
   kml.Add("  </Folder>\r\n");

@@ -25,18 +25,18 @@ void* (*pAnalysisAllocate)(size_t bytes) = std::malloc;
 
 namespace {
 
-// Asks for large pages under a big table: the distance tables are written
-// once in full, and a fault per small page costs more than filling it.
-void PreferLargePages(void* data, size_t bytes) {
+// Big tables are written once in full, and a fault per small page costs
+// more than filling it: a table of about a whole number of large pages gets
+// them, aligned to them, where the system gives large pages on request.
+constexpr size_t kLargePage = size_t{1} << 21;
+
+bool WantsLargePages(size_t bytes) {
 #ifdef MADV_HUGEPAGE
-  constexpr uintptr_t kLarge = uintptr_t{1} << 21;
-  if (data == nullptr || bytes < 2 * kLarge) return;
-  const uintptr_t from = (reinterpret_cast<uintptr_t>(data) + kLarge - 1) & ~(kLarge - 1);
-  const uintptr_t to = (reinterpret_cast<uintptr_t>(data) + bytes) & ~(kLarge - 1);
-  if (to > from) madvise(reinterpret_cast<void*>(from), to - from, MADV_HUGEPAGE);
+  const size_t rounded = (bytes + kLargePage - 1) / kLargePage * kLargePage;
+  return bytes >= kLargePage - kLargePage / 8 && rounded - bytes <= bytes / 8;
 #else
-  (void)data;
   (void)bytes;
+  return false;
 #endif
 }
 
@@ -44,10 +44,23 @@ void PreferLargePages(void* data, size_t bytes) {
 template <typename T>
 class Table {
  public:
-  explicit Table(size_t count) : data_(static_cast<T*>(pAnalysisAllocate(std::max<size_t>(count, 1) * sizeof(T)))) {
-    PreferLargePages(data_, count * sizeof(T));
+  explicit Table(size_t count) {
+    const size_t bytes = std::max<size_t>(count, 1) * sizeof(T);
+    if (!WantsLargePages(bytes)) {
+      raw_ = pAnalysisAllocate(bytes);
+      data_ = static_cast<T*>(raw_);
+      return;
+    }
+    // Two large pages more: one to align, one for the rounding up.
+    raw_ = pAnalysisAllocate(bytes + 2 * kLargePage);
+    if (raw_ == nullptr) return;
+    const uintptr_t aligned = (reinterpret_cast<uintptr_t>(raw_) + kLargePage - 1) & ~(uintptr_t{kLargePage} - 1);
+    data_ = reinterpret_cast<T*>(aligned);
+#ifdef MADV_HUGEPAGE
+    madvise(data_, (bytes + kLargePage - 1) / kLargePage * kLargePage, MADV_HUGEPAGE);
+#endif
   }
-  ~Table() { std::free(data_); }
+  ~Table() { std::free(raw_); }
   Table(const Table&) = delete;
   Table& operator=(const Table&) = delete;
   bool ok() const { return data_ != nullptr; }
@@ -55,7 +68,8 @@ class Table {
   T& operator[](size_t i) const { return data_[i]; }
 
  private:
-  T* data_;
+  void* raw_ = nullptr;
+  T* data_ = nullptr;
 };
 
 GeoPos Geo(const TrackPoint& point) {

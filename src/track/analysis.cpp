@@ -1405,12 +1405,28 @@ void FillClosingGapsRow(const uint32_t* distance, int32_t count, int32_t a, uint
   const uint32_t* row = distance + static_cast<size_t>(a) * static_cast<size_t>(count);
   uint16_t* here = gap + ClosingRowStart(count, a) - static_cast<size_t>(a);
   const uint16_t* above = a > 0 ? gap + ClosingRowStart(count, a - 1) - static_cast<size_t>(a - 1) : nullptr;
+  // The row's own running minimum from the end, then the row above's,
+  // eight at a time.
   uint32_t own = row[last];
+  uint16_t held = static_cast<uint16_t>(std::min<uint32_t>(own, 0xFFFFu));
   for (int32_t c = last; c > a; --c) {
-    own = std::min(own, row[c]);
-    const uint16_t held = static_cast<uint16_t>(std::min<uint32_t>(own, 0xFFFFu));
-    here[c] = above != nullptr ? std::min(held, above[c]) : held;
+    if (row[c] < own) {  // rarely, once the minimum is low
+      own = row[c];
+      held = static_cast<uint16_t>(std::min<uint32_t>(own, 0xFFFFu));
+    }
+    here[c] = held;
   }
+  if (above == nullptr) return;
+  int32_t c = a + 1;
+#if defined(__SSE2__)
+  for (; c + 7 <= last; c += 8) {
+    const __m128i x = _mm_loadu_si128(reinterpret_cast<const __m128i*>(here + c));
+    const __m128i y = _mm_loadu_si128(reinterpret_cast<const __m128i*>(above + c));
+    // x - (x - y, held at 0) is the smaller of the two.
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(here + c), _mm_sub_epi16(x, _mm_subs_epu16(x, y)));
+  }
+#endif
+  for (; c <= last; ++c) here[c] = std::min(here[c], above[c]);
 }
 
 // The pair the closing tables would hold for corners a and c: the closest
@@ -1889,13 +1905,33 @@ void FindSampledDistances(const uint32_t* distance, int32_t n, const Partners& p
 
 // Greatest 2 d(a, b) - d(a, c) over a < b < c with d(a, c) below the gap; for
 // each pair the best b is the last greatest d(a, b) so far along the row.
+// The last c from `from` on with row[c] below the closing gap, or -1.
+int32_t LastClosing(const uint32_t* row, int32_t from, int32_t n) {
+  int32_t c = n - 1;
+#if defined(__SSE2__)
+  // Unsigned order is signed order with the top bit flipped.
+  const __m128i flip = _mm_set1_epi32(INT32_MIN);
+  const __m128i limit = _mm_set1_epi32(static_cast<int32_t>(rules::kClosingGap ^ 0x80000000u));
+  for (; c - 3 >= from; c -= 4) {
+    const __m128i v = _mm_xor_si128(_mm_loadu_si128(reinterpret_cast<const __m128i*>(row + c - 3)), flip);
+    if (_mm_movemask_ps(_mm_castsi128_ps(_mm_cmplt_epi32(v, limit))) != 0) break;
+  }
+#endif
+  for (; c >= from; --c) {
+    if (row[c] < rules::kClosingGap) return c;
+  }
+  return -1;
+}
+
 bool FindSampledOutAndReturn(const uint32_t* distance, int32_t n, int32_t* corners) {
   int64_t best = rules::kOutAndReturnStart;
   for (int32_t a = 0; a + 2 < n; ++a) {
     const uint32_t* row = distance + static_cast<size_t>(a) * static_cast<size_t>(n);
     int64_t out = -1;
     int32_t turn = -1;
-    for (int32_t c = a + 2; c < n; ++c) {
+    // Only ends that close count; a row without one has nothing to give.
+    const int32_t end = LastClosing(row, a + 2, n);
+    for (int32_t c = a + 2; c <= end; ++c) {
       if (row[c - 1] >= out) {
         out = row[c - 1];
         turn = c - 1;

@@ -15,6 +15,7 @@
 #include <cstring>
 #include <limits>
 #include <optional>
+#include <thread>
 #include <utility>
 
 #include "driver/main.h"
@@ -2050,15 +2051,20 @@ int32_t AnalyzeTrack(FlightAnalysis* record) {
   // The statistics beside the sampled distances, then the distance results
   // beside the preparation of the triangle search; each writes only its own
   // results. Each row of distances, once complete, gives its closing gaps
-  // and its spans for the triangle search: while the row is at hand when
-  // the statistics of a long track take longer than the table, afterwards
-  // when they do not.
+  // and its spans for the triangle search, in row order. When the statistics
+  // of a long track take longer than the table, the table's thread does
+  // that for each row while it is at hand; otherwise the statistics' thread
+  // follows the table row by row once it is done, until the table is, and
+  // the rest comes beside the distance results.
   const bool rowsAlong = count > 4 * rules::kSampleLimit;
+  const bool preparing = search && searchable;
   auto prepareRow = [&](int32_t a) {
-    if (!search || !searchable) return;
     FillClosingGapsRow(distance.get(), n, a, gap.get());
     search->PrepareRow(a);
   };
+  std::atomic<int32_t> rowsMade{0};  // rows of the table complete
+  std::atomic<bool> tableMade{false};
+  int32_t rowsPrepared = 0;
   RunInParallel(
       [&] {
         for (int32_t k = 0; k < n; ++k) {
@@ -2067,10 +2073,28 @@ int32_t AnalyzeTrack(FlightAnalysis* record) {
           north[k] = map.y;
         }
         FillDistanceTable(east.get(), north.get(), n, distance.get(), &partners, [&](int32_t a) {
-          if (rowsAlong) prepareRow(a);
+          if (preparing && rowsAlong) prepareRow(a);
+          rowsMade.store(a + 1, std::memory_order_release);
         });
+        tableMade.store(true, std::memory_order_release);
       },
-      fillStatistics);
+      [&] {
+        fillStatistics();
+        if (!preparing) return;
+        if (rowsAlong) {
+          rowsPrepared = n;
+          return;
+        }
+        // A row is complete once the table's thread has gone past it: its
+        // own part is written then and the earlier rows wrote the rest.
+        while (rowsPrepared < n && !tableMade.load(std::memory_order_acquire)) {
+          if (rowsPrepared < rowsMade.load(std::memory_order_acquire)) {
+            prepareRow(rowsPrepared++);
+          } else {
+            std::this_thread::yield();
+          }
+        }
+      });
 
   auto toFull = [&sample](int32_t* index, int32_t size) {
     for (int32_t m = 0; m < size; ++m) index[m] = sample[index[m]];
@@ -2104,10 +2128,8 @@ int32_t AnalyzeTrack(FlightAnalysis* record) {
         }
       },
       [&] {
-        if (!search || !searchable) return;
-        if (!rowsAlong) {
-          for (int32_t a = 0; a < n; ++a) prepareRow(a);
-        }
+        if (!preparing) return;
+        for (int32_t a = rowsPrepared; a < n; ++a) prepareRow(a);
         search->PrepareBlocks();
       });
   // The triangle search shares itself between both cores.

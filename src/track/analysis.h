@@ -145,8 +145,9 @@ void CheckFaiTriangle(const FlightAnalysis* record, int32_t* start, int32_t* tp1
                       int32_t* end);
 
 // ---------------------------------------------------------------------------
-// The triangle search on sampled points, as AnalyzeTrack runs it; public so
-// that it can be checked and measured on its own.
+// The triangle search on sampled points, as AnalyzeTrack runs it (there on
+// closing gaps held in 16 bits, the closing pair found for the winners
+// only); public so that it can be checked and measured on its own.
 
 // `distance` is the N x N symmetric table of rounded planar metres. The two
 // closing tables are upper triangular (row a holds c = a .. N-1, starting at

@@ -82,6 +82,19 @@ TEST(Hash, PiecesFedOneAfterAnotherDigestAsTheirConcatenation) {
   }
 }
 
+TEST(Hash, BothCompressionsGivePlainSha1) {
+  const bool instructions = bHashInstructions;
+  for (bool use : {false, true}) {
+    bHashInstructions = use && instructions;
+    for (size_t length : {0u, 55u, 56u, 64u, 119u, 200u, 1000u}) {
+      const std::string text = AsciiText(length);
+      EXPECT_EQ(test::HashStringDigest(text), test::Sha1Hex(text)) << length << (use ? " instructions" : "");
+      EXPECT_EQ(BufferDigest(text), test::Sha1Hex(text)) << length << (use ? " instructions" : "");
+    }
+  }
+  bHashInstructions = instructions;
+}
+
 TEST(Hash, TextBytesOf128AndAboveLowerTheBytesBeforeThemInTheirWord) {
   // Worked by hand: "A" then 0x80 packs as 0x41 * 256 - 128 = 0x4080.
   EXPECT_EQ(AsPackedSigned("A\x80"), std::string("\x40\x80"));

@@ -2,7 +2,10 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <limits>
+#include <random>
 #include <string>
+#include <vector>
 
 #include "link/string.h"
 
@@ -175,6 +178,28 @@ TEST(EncodeDegrees, LayoutAndSigns) {
   EXPECT_STREQ(out, "N 00  00  00.00");
   EXPECT_EQ(EncodeDegreesString(out, INT32_MIN, 0), 16);
   EXPECT_STREQ(out, "W 5965  13  56.48");
+}
+
+// printf is the oracle: halfway cases (k/128 at six decimals, k/8 at two)
+// round to even, tiny negatives keep their sign, and values out of reach of
+// the exact path still come out whole.
+TEST(EncodeDecimal, WritesWhatPrintfWrites) {
+  std::vector<double> values = {0.0, -0.0, 1e-9, -1e-9, 5e-7, -5e-7, 0.125, -0.375, 2.5, 7.0078125,
+                                179.9999995, -180.0, 999999999.9999999, 1e9, -1e12, 1e300, 5e-324,
+                                std::numeric_limits<double>::infinity(), std::numeric_limits<double>::quiet_NaN()};
+  std::mt19937_64 random(11);
+  for (int k = 0; k < 20000; ++k) {
+    values.push_back(static_cast<int32_t>(random()) * 1.4629180792671596e-9 * 57.29577951308);
+    values.push_back(static_cast<int32_t>(random() % 2000000) / 128.0);
+  }
+  for (double value : values) {
+    for (int decimals : {0, 1, 2, 6, 9}) {
+      char expected[400], actual[400];
+      const int length = std::snprintf(expected, sizeof expected, "%.*f", decimals, value);
+      ASSERT_EQ(EncodeDecimalString(actual, sizeof actual, value, decimals), length) << expected;
+      ASSERT_STREQ(actual, expected);
+    }
+  }
 }
 
 TEST(Compress, BlanksFoldAndXmlWhitespaceBecomesBlanks) {

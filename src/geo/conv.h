@@ -58,11 +58,26 @@ constexpr double kOnePlusSecondEccentricitySquared = 1.0067394967422765;
 constexpr double kScaledMajorAxis = 6375585.7452;  // 0.9996 x 6378137
 }  // namespace wgs84
 
-// Geodesic distance in metres (Vincenty's inverse method). Returns 0, or -1
-// when the iteration does not converge (nearly antipodal points); then
-// `distance` keeps the value the caller preset. Inline: the distance
-// searches call it millions of times.
-inline int CalcDistance(const GeoPos& first, const GeoPos& second, double* distance) {
+// A position with the terms of its reduced latitude, which the distance
+// needs for every pair the position is in: work done once per point when a
+// point is measured against many others.
+struct GeoPoint {
+  double latitude;
+  double longitude;
+  double sinU;
+  double cosU;
+};
+
+inline GeoPoint PrepareGeoPoint(const GeoPos& position) {
+  const double U = std::atan(wgs84::kOneMinusFlattening * std::tan(position.latitude));
+  return {position.latitude, position.longitude, std::sin(U), std::cos(U)};
+}
+
+// Geodesic distance in metres (Vincenty's inverse method) between prepared
+// positions; the same value, bit for bit, as between the plain ones.
+// Returns 0, or -1 when the iteration does not converge (nearly antipodal
+// points); then `distance` keeps the value the caller preset.
+inline int CalcPreparedDistance(const GeoPoint& first, const GeoPoint& second, double* distance) {
   using namespace wgs84;
   const double dLatitude = second.latitude - first.latitude;
   double L = second.longitude - first.longitude;
@@ -71,10 +86,8 @@ inline int CalcDistance(const GeoPos& first, const GeoPos& second, double* dista
     *distance = 0.0;
     return 0;
   }
-  const double U1 = std::atan(kOneMinusFlattening * std::tan(first.latitude));
-  const double U2 = std::atan(kOneMinusFlattening * std::tan(second.latitude));
-  const double sinU1 = std::sin(U1), cosU1 = std::cos(U1);
-  const double sinU2 = std::sin(U2), cosU2 = std::cos(U2);
+  const double sinU1 = first.sinU, cosU1 = first.cosU;
+  const double sinU2 = second.sinU, cosU2 = second.cosU;
   // Keeps the divisions by sin(sigma) finite on a meridian.
   if (std::fabs(L) < 1e-10) L = 1e-10;
 
@@ -111,6 +124,16 @@ inline int CalcDistance(const GeoPos& first, const GeoPos& second, double* dista
     }
   }
   return -1;
+}
+
+// The same between plain positions. Inline: the distance searches call it
+// millions of times.
+inline int CalcDistance(const GeoPos& first, const GeoPos& second, double* distance) {
+  if (std::fabs(second.latitude - first.latitude) < 1.5e-9 && std::fabs(second.longitude - first.longitude) < 1e-9) {
+    *distance = 0.0;
+    return 0;
+  }
+  return CalcPreparedDistance(PrepareGeoPoint(first), PrepareGeoPoint(second), distance);
 }
 
 // Transverse Mercator (Redfearn's series) about `centralMeridian` (radians),

@@ -1,5 +1,6 @@
 #include "igc/igc.h"
 
+#include <sys/mman.h>
 #include <sys/stat.h>
 
 #include <algorithm>
@@ -229,8 +230,6 @@ int32_t Min1000ToArc(int32_t min1000) {
 
 struct IgcDecoding {
   char line[kLineKept + 1] = {};
-  int32_t lineLength = 0;
-  bool lineEnded = false;  // a carriage return closed the text
   int32_t lineNumber = 0;
   char manufacturer[4] = {};
   uint32_t dateBase = 0;
@@ -402,25 +401,25 @@ int32_t DecodeIgcBuffer(const uint8_t* text, int32_t length, char* pilotField, i
   d.pilotField = pilotField;
   d.pilotFieldSize = pilotFieldSize;
 
-  for (int32_t i = 0; i < length; ++i) {
-    const uint8_t byte = text[i];
-    if (byte == '\r') {
-      d.line[d.lineLength] = '\0';
-      d.lineEnded = true;
-    } else if (byte == '\n') {
-      ++d.lineNumber;
-      d.line[d.lineLength] = '\0';
-      if (ProcessLine(d) < 0) {
-        ReleaseTrackPoints();
-        return -1;
-      }
-      d.lineLength = 0;
-      d.lineEnded = false;
-    } else if (!d.lineEnded && d.lineLength < kLineKept) {
-      d.line[d.lineLength++] = static_cast<char>(byte);
+  // A line is what comes before its line feed, cut at its first carriage
+  // return and after kLineKept characters. Text after the last line feed is
+  // an unfinished line: never processed.
+  const uint8_t* p = text;
+  const uint8_t* const end = text + (length > 0 ? length : 0);
+  while (p < end) {
+    const auto* feed = static_cast<const uint8_t*>(std::memchr(p, '\n', static_cast<size_t>(end - p)));
+    if (feed == nullptr) break;
+    size_t kept = std::min(static_cast<size_t>(feed - p), static_cast<size_t>(kLineKept));
+    if (const void* carriage = std::memchr(p, '\r', kept)) kept = static_cast<size_t>(static_cast<const uint8_t*>(carriage) - p);
+    std::memcpy(d.line, p, kept);
+    d.line[kept] = '\0';
+    ++d.lineNumber;
+    if (ProcessLine(d) < 0) {
+      ReleaseTrackPoints();
+      return -1;
     }
+    p = feed + 1;
   }
-  // Text after the last line feed is an unfinished line: never processed.
 
   if (d.manufacturer[0] == '\0') {
     std::printf("No A-record found\n");
@@ -443,12 +442,36 @@ struct FileCloser {
   void operator()(FILE* file) const { std::fclose(file); }
 };
 
-struct BytesFree {
-  void operator()(uint8_t* bytes) const { std::free(bytes); }
+// The bytes of a source file: mapped from the page cache where the system
+// can, else read into memory of their own.
+class SourceText {
+ public:
+  SourceText() = default;
+  SourceText(const SourceText&) = delete;
+  SourceText& operator=(const SourceText&) = delete;
+  ~SourceText() {
+#ifdef MAP_POPULATE
+    if (mapped_ != 0) {
+      munmap(bytes_, mapped_);
+      return;
+    }
+#endif
+    std::free(bytes_);
+  }
+  void Own(uint8_t* bytes) { bytes_ = bytes; }
+  void Map(void* bytes, size_t length) {
+    bytes_ = static_cast<uint8_t*>(bytes);
+    mapped_ = length;
+  }
+  const uint8_t* get() const { return bytes_; }
+
+ private:
+  uint8_t* bytes_ = nullptr;
+  size_t mapped_ = 0;
 };
 
 // Reads the whole source file; prints why not and returns -1 when it cannot.
-int32_t ReadSourceFile(const char* path, std::unique_ptr<uint8_t, BytesFree>* text, int32_t* length) {
+int32_t ReadSourceFile(const char* path, SourceText* text, int32_t* length) {
   std::unique_ptr<FILE, FileCloser> file(std::fopen(path, "rb"));
   // A folder opens here too, but holds nothing to read.
   struct stat info {};
@@ -466,12 +489,23 @@ int32_t ReadSourceFile(const char* path, std::unique_ptr<uint8_t, BytesFree>* te
     std::printf("Source file ftell() error\n");
     return -1;
   }
+#ifdef MAP_POPULATE
+  // Mapped with every page at once: no copy and no page faults one by one.
+  if (size <= INT32_MAX) {
+    void* mapped = mmap(nullptr, static_cast<size_t>(size), PROT_READ, MAP_PRIVATE | MAP_POPULATE, fileno(file.get()), 0);
+    if (mapped != MAP_FAILED) {
+      text->Map(mapped, static_cast<size_t>(size));
+      *length = static_cast<int32_t>(size);
+      return 0;
+    }
+  }
+#endif
   uint8_t* bytes = size > INT32_MAX ? nullptr : static_cast<uint8_t*>(std::malloc(static_cast<size_t>(size)));
   if (bytes == nullptr) {
     std::printf("Could not allocate memory for source file\n");
     return -1;
   }
-  text->reset(bytes);
+  text->Own(bytes);
   std::rewind(file.get());
   if (std::fread(bytes, 1, static_cast<size_t>(size), file.get()) != static_cast<size_t>(size)) {
     std::printf("Source file read() error\n");
@@ -484,7 +518,7 @@ int32_t ReadSourceFile(const char* path, std::unique_ptr<uint8_t, BytesFree>* te
 }  // namespace
 
 int32_t ReadIgcFile(const char* path) {
-  std::unique_ptr<uint8_t, BytesFree> text;
+  SourceText text;
   int32_t length = 0;
   if (ReadSourceFile(path, &text, &length) < 0) return -1;
   return DecodeIgcBuffer(text.get(), length, nullptr, 0);

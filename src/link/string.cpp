@@ -275,6 +275,83 @@ int EncodeDegreesString(char* out, int32_t sec100, int latitude) {
   return n;
 }
 
+namespace {
+
+constexpr char kDigitPairs[] =
+    "00010203040506070809101112131415161718192021222324252627282930313233343536373839"
+    "40414243444546474849505152535455565758596061626364656667686970717273747576777879"
+    "8081828384858687888990919293949596979899";
+
+constexpr uint64_t kPowersOfTen[10] = {1, 10, 100, 1000, 10000, 100000, 1000000, 10000000, 100000000, 1000000000};
+
+// A value below 1e9 in magnitude with `kDecimals` decimals: the binary value
+// times 10^kDecimals, exactly in 128 bits, rounded half to even as printf
+// rounds. A constant number of decimals spares the divisions.
+template <int kDecimals>
+int EncodeSmallDecimal(char* out, double value) {
+  constexpr uint64_t kScale = kPowersOfTen[kDecimals];
+  __extension__ using Wide = unsigned __int128;
+  uint64_t bits;
+  std::memcpy(&bits, &value, sizeof bits);
+  const bool negative = (bits >> 63) != 0;
+  const int exponent = static_cast<int>((bits >> 52) & 0x7FFu);
+  uint64_t mantissa = bits & ((uint64_t{1} << 52) - 1);
+  if (exponent != 0) mantissa |= uint64_t{1} << 52;
+  // value = mantissa / 2^shift; below 1e9 the shift is at least 23.
+  const int shift = 1075 - (exponent != 0 ? exponent : 1);
+  const Wide scaled = static_cast<Wide>(mantissa) * kScale;
+  uint64_t units = 0;
+  if (shift < 128) {
+    units = static_cast<uint64_t>(scaled >> shift);
+    const Wide rest = scaled - (static_cast<Wide>(units) << shift);
+    const Wide half = static_cast<Wide>(1) << (shift - 1);
+    if (rest > half || (rest == half && (units & 1u) != 0)) ++units;
+  }
+  char* p = out;
+  if (negative) *p++ = '-';
+  uint64_t whole = units / kScale;
+  uint64_t fraction = units % kScale;
+  char digits[20];
+  int n = 0;
+  do {
+    digits[n++] = static_cast<char>('0' + whole % 10);
+    whole /= 10;
+  } while (whole != 0);
+  while (n > 0) *p++ = digits[--n];
+  if (kDecimals > 0) {
+    *p++ = '.';
+    int k = kDecimals;
+    for (; k >= 2; k -= 2) {
+      std::memcpy(p + k - 2, kDigitPairs + 2 * (fraction % 100), 2);
+      fraction /= 100;
+    }
+    if (k == 1) p[0] = static_cast<char>('0' + fraction);
+    p += kDecimals;
+  }
+  *p = '\0';
+  return static_cast<int>(p - out);
+}
+
+}  // namespace
+
+int EncodeDecimalString(char* out, size_t size, double value, int decimals) {
+  constexpr size_t kLongest = 21;  // sign, 9 + 1 + 9 characters, terminator
+  if (!(std::fabs(value) < 1e9) || size < kLongest) return std::snprintf(out, size, "%.*f", decimals, value);
+  switch (decimals) {
+    case 0: return EncodeSmallDecimal<0>(out, value);
+    case 1: return EncodeSmallDecimal<1>(out, value);
+    case 2: return EncodeSmallDecimal<2>(out, value);
+    case 3: return EncodeSmallDecimal<3>(out, value);
+    case 4: return EncodeSmallDecimal<4>(out, value);
+    case 5: return EncodeSmallDecimal<5>(out, value);
+    case 6: return EncodeSmallDecimal<6>(out, value);
+    case 7: return EncodeSmallDecimal<7>(out, value);
+    case 8: return EncodeSmallDecimal<8>(out, value);
+    case 9: return EncodeSmallDecimal<9>(out, value);
+    default: return std::snprintf(out, size, "%.*f", decimals, value);
+  }
+}
+
 int CompressString(char* text) {
   char* out = text;
   const char* p = text;

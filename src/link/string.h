@@ -1,6 +1,7 @@
 // Strict text field decoders, NMEA sentence splitting and the text collector.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 
 // ParseNmeaString results below 1.
@@ -41,6 +42,11 @@ int DecodeTimeString(const char* text, uint32_t* hour, uint32_t* minute, uint32_
 const char* DecodeWptPosString(const char* text, int latitude, double* degrees);
 
 int EncodeDegreesString(char* out, int32_t sec100, int latitude);
+
+// What snprintf(out, size, "%.*f", decimals, value) writes and returns,
+// for 0 to 9 decimals. The documents' coordinates are written this way:
+// the same digits without the cost of a format string.
+int EncodeDecimalString(char* out, size_t size, double value, int decimals);
 
 int CompressString(char* text);
 int CompressXmlString(char* text);

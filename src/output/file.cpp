@@ -15,6 +15,7 @@
 #include "output/google.h"
 #include "output/replace.h"
 #include "track/analysis.h"
+#include "track/parallel.h"
 
 namespace {
 
@@ -534,9 +535,14 @@ int32_t SaveKmlTrackLog(const char* name, int32_t trimmed) {
   record.nCompPilotId = -1;
   record.bUtc = tGps.bUtc;
   record.bPressureAltitude = tGps.bPressureAltitude;
-  if (AnalyzeTrack(&record) < 0) return -1;
+  // The track placemark needs nothing of the analysis: both at once.
+  GoogleTrack track;
+  int32_t analysed = 0;
+  RunInParallel([&record, &analysed] { analysed = AnalyzeTrack(&record); },
+                [&record, &track] { MakeGoogleTrack(&record, &track); });
+  if (analysed < 0) return -1;
   TextBuffer text;
-  if (MakeGoogleFolder(&record, &text) < 0) {
+  if (MakeGoogleFolder(&record, &text, &track) < 0) {
     std::printf("Make .kml text: Memory allocation error\n");
     return -1;
   }

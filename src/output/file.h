@@ -1,6 +1,7 @@
 // Saving tracks and waypoints to files; reading waypoint files.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 
 #include "core/records.h"

@@ -1,8 +1,12 @@
 #include "output/google.h"
 
+#include <charconv>
 #include <cstdarg>
+#include <climits>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
+#include <utility>
 
 #include "core/run.h"
 #include "geo/conv.h"
@@ -55,6 +59,36 @@ constexpr ResultLayout kResultLayouts[] = {
     {&FlightAnalysis::tFaiTriangle, 5, "distance_fai_triangle", "FAI triangle", "FAI triangle", "FFFF0000", true},
 };
 
+constexpr int32_t kListRoomPerPoint = 64;
+constexpr int32_t kDocumentRoom = 65536;
+
+// Room for `needed` bytes and the terminator, the buffer doubling as
+// AddLogTxt doubles it.
+int Reserve(TextBuffer* text, int64_t needed) {
+  if (text->data == nullptr) return -1;
+  int64_t capacity = text->capacity;
+  while (needed + 1 >= capacity) capacity *= 2;
+  if (capacity > INT32_MAX) return -1;
+  if (capacity != text->capacity) {
+    char* grown = static_cast<char*>(std::malloc(static_cast<size_t>(capacity)));
+    if (grown == nullptr) return -1;
+    std::memcpy(grown, text->data, static_cast<size_t>(text->length) + 1);
+    std::free(text->data);
+    text->data = grown;
+    text->capacity = static_cast<int32_t>(capacity);
+  }
+  return 0;
+}
+
+// Appends a long text at once.
+int AppendText(TextBuffer* text, const char* data, int32_t length) {
+  if (Reserve(text, static_cast<int64_t>(text->length) + length) < 0) return -1;
+  std::memcpy(text->data + text->length, data, static_cast<size_t>(length));
+  text->length += length;
+  text->data[text->length] = '\0';
+  return 0;
+}
+
 // Appends the pieces of one document. After the first failed append the
 // text is gone and every later piece is ignored, so callers check once.
 class KmlText {
@@ -76,6 +110,12 @@ class KmlText {
     va_end(arguments);
   }
 
+  // A finished piece of any length, as it is.
+  void AddRaw(const char* data, int32_t length) {
+    if (failed_) return;
+    failed_ = AppendText(text_, data, length) < 0;
+  }
+
   bool failed() const { return failed_; }
   int32_t length() const { return text_->length; }
 
@@ -89,6 +129,33 @@ class KmlText {
 
   TextBuffer* text_;
   bool failed_ = false;
+};
+
+// The values of a list, `perLine` to a line: each value is written at
+// Room() and counted by Put(); a full line (or the last) goes to the text
+// with its line end and to the digest without.
+class ListLines {
+ public:
+  ListLines(KmlText& kml, HashContext* hash, int32_t perLine) : kml_(kml), hash_(hash), perLine_(perLine) {}
+  char* Room() { return line_ + used_; }
+  void Put(int32_t length, bool last) {
+    used_ += length;
+    if (++values_ < perLine_ && !last) return;
+    HashBuffer(hash_, reinterpret_cast<const uint8_t*>(line_), used_);
+    line_[used_++] = '\r';
+    line_[used_++] = '\n';
+    kml_.AddRaw(line_, used_);
+    used_ = 0;
+    values_ = 0;
+  }
+
+ private:
+  KmlText& kml_;
+  HashContext* hash_;
+  int32_t perLine_;
+  int32_t used_ = 0;
+  int32_t values_ = 0;
+  char line_[1024];  // 25 values of at most 40 characters, or 5 of 64
 };
 
 // Orders in which a result's points are drawn.
@@ -107,6 +174,14 @@ int RoundSpeed(double kmh) {
   if (!(rounded > -2147483648.0)) return rounded != rounded ? 0 : -2147483647 - 1;
   if (rounded >= 2147483647.0) return 2147483647;
   return static_cast<int>(rounded);
+}
+
+// "%d " for a list value, "%d" for the last one; returns the length.
+int32_t EncodeListInteger(char* out, int32_t number, bool last) {
+  char* end = std::to_chars(out, out + 16, number).ptr;
+  if (!last) *end++ = ' ';
+  *end = '\0';
+  return static_cast<int32_t>(end - out);
 }
 
 void FormatCalendarTime(char* out, size_t size, uint32_t gpsTime, bool utc) {
@@ -227,9 +302,13 @@ void AddResult(KmlText& kml, const FlightAnalysis& record, const ResultLayout& l
 
 // The track with its metadata; the values of both are under the digest.
 // Returns where the hash placeholder starts in the text, or -1 without one.
-int32_t AddTrack(KmlText& kml, const FlightAnalysis& record, bool absolute, HashContext* hash) {
+int32_t AddTrack(KmlText& kml, const FlightAnalysis& record, bool absolute, bool rewriteTimes, HashContext* hash) {
   const TrackPoint* points = record.pPoints;
   const int32_t count = record.nPoints;
+  // The times as they will be once unusable ones are replaced.
+  auto timeOf = [points, rewriteTimes](int32_t i) {
+    return rewriteTimes ? static_cast<uint32_t>(i) * 5u : points[i].dwTime;
+  };
   char secret[kXmlStartLength + 1];
   GetXmlStart(secret);
   HashString(hash, secret);
@@ -238,7 +317,7 @@ int32_t AddTrack(KmlText& kml, const FlightAnalysis& record, bool absolute, Hash
   kml.Add("      <Metadata src=\"KestrixMac64\" v=\"4.72\" type=\"track\">\r\n");
   kml.Add("        <FsInfo");
   char time[64];
-  FormatCalendarTime(time, sizeof time, points[0].dwTime, record.bUtc != 0);
+  FormatCalendarTime(time, sizeof time, timeOf(0), record.bUtc != 0 && !rewriteTimes);
   kml.Add(" time_of_first_point=\"");
   kml.AddDigested(hash, "%s", time);
   kml.Add("\"");
@@ -272,19 +351,23 @@ int32_t AddTrack(KmlText& kml, const FlightAnalysis& record, bool absolute, Hash
   }
   kml.Add(">\r\n");
 
+  // The three lists are nearly all of the document. Their values are
+  // written as printf would write them, without a format string, a line at
+  // a time; the digest takes each line's values in one piece (they are
+  // plain ASCII, which both packings take alike), its line end not.
+  ListLines times(kml, hash, kTimesPerLine);
   kml.Add("          <SecondsFromTimeOfFirstPoint>\r\n");
   for (int32_t i = 0; i < count; ++i) {
     const bool last = i + 1 == count;
-    kml.AddDigested(hash, last ? "%d" : "%d ", static_cast<int32_t>(points[i].dwTime - points[0].dwTime));
-    if ((i + 1) % kTimesPerLine == 0 || last) kml.Add("\r\n");
+    times.Put(EncodeListInteger(times.Room(), static_cast<int32_t>(timeOf(i) - timeOf(0)), last), last);
   }
   kml.Add("          </SecondsFromTimeOfFirstPoint>\r\n");
   if (record.bPressureAltitude != 0) {
+    ListLines pressures(kml, hash, kTimesPerLine);
     kml.Add("          <PressureAltitude>\r\n");
     for (int32_t i = 0; i < count; ++i) {
       const bool last = i + 1 == count;
-      kml.AddDigested(hash, last ? "%d" : "%d ", points[i].lPressureAltitude);
-      if ((i + 1) % kTimesPerLine == 0 || last) kml.Add("\r\n");
+      pressures.Put(EncodeListInteger(pressures.Room(), points[i].lPressureAltitude, last), last);
     }
     kml.Add("          </PressureAltitude>\r\n");
   }
@@ -294,14 +377,19 @@ int32_t AddTrack(KmlText& kml, const FlightAnalysis& record, bool absolute, Hash
   kml.Add("      <LineString>\r\n");
   kml.Add("        <altitudeMode>%s</altitudeMode>\r\n", absolute ? "absolute" : "clampedToGround");
   kml.Add("        <coordinates>\r\n");
+  ListLines coordinates(kml, hash, kCoordinatesPerLine);
   for (int32_t i = 0; i < count; ++i) {
     const bool last = i + 1 == count;
     double latitude;
     double longitude;
     ConvertArcToGeoPos(points[i].lLatitude, points[i].lLongitude, &latitude, &longitude);
-    kml.AddDigested(hash, last ? "%.6f,%.6f,%d" : "%.6f,%.6f,%d ", longitude * kRadiansToDegrees,
-                    latitude * kRadiansToDegrees, AltitudeMetres(points[i].lGpsAltitude));
-    if ((i + 1) % kCoordinatesPerLine == 0 || last) kml.Add("\r\n");
+    char* value = coordinates.Room();
+    int32_t length = EncodeDecimalString(value, 32, longitude * kRadiansToDegrees, 6);
+    value[length++] = ',';
+    length += EncodeDecimalString(value + length, 32, latitude * kRadiansToDegrees, 6);
+    value[length++] = ',';
+    length += EncodeListInteger(value + length, AltitudeMetres(points[i].lGpsAltitude), last);
+    coordinates.Put(length, last);
   }
   kml.Add("        </coordinates>\r\n");
   return hashAt;
@@ -316,7 +404,39 @@ void GetXmlStart(char* secret) {
   secret[kXmlStartLength] = '\0';
 }
 
-int32_t MakeGoogleFolder(FlightAnalysis* record, TextBuffer* text) {
+int32_t MakeGoogleTrack(const FlightAnalysis* record, GoogleTrack* track) {
+  const TrackPoint* points = record->pPoints;
+  const int32_t count = record->nPoints;
+  track->result = -1;
+  if (points == nullptr || count < 1) return -1;
+  int32_t unusableTimes = 0;
+  for (int32_t i = 0; i < count; ++i) {
+    if (points[i].lGpsAltitude != 0) track->absolute = true;
+    if (IsUnusableTime(points[i].dwTime)) ++unusableTimes;
+  }
+  track->rewriteTimes = unusableTimes > 0;
+  // Room for the whole document at once: a point takes at most 60
+  // characters in the three lists, and the rest of the document is short.
+  // Pages never written are never touched.
+  const int64_t room = int64_t{kListRoomPerPoint} * count + kDocumentRoom;
+  if (room < INT32_MAX) {
+    track->text.data = static_cast<char*>(std::malloc(static_cast<size_t>(room)));
+    if (track->text.data == nullptr) return -1;
+    track->text.capacity = static_cast<int32_t>(room);
+    track->text.length = 0;
+    track->text.data[0] = '\0';
+  }
+  KmlText kml(&track->text);
+  HashContext hash;
+  HashInit(&hash);
+  track->hashAt = AddTrack(kml, *record, track->absolute, track->rewriteTimes, &hash);
+  HashFinish(&hash, track->adwDigest);
+  if (kml.failed() || track->text.data == nullptr) return -1;
+  track->result = 0;
+  return 0;
+}
+
+int32_t MakeGoogleFolder(FlightAnalysis* record, TextBuffer* text, GoogleTrack* track) {
   TrackPoint* points = record->pPoints;
   const int32_t count = record->nPoints;
   if (points == nullptr || count < 1) return -1;
@@ -328,15 +448,8 @@ int32_t MakeGoogleFolder(FlightAnalysis* record, TextBuffer* text) {
       if (result.anIndex[k] < 0 || result.anIndex[k] >= count) return -1;
     }
   }
-
-  bool absolute = false;
-  int32_t unusableTimes = 0;
-  for (int32_t i = 0; i < count; ++i) {
-    if (points[i].lGpsAltitude != 0) absolute = true;
-    if (IsUnusableTime(points[i].dwTime)) ++unusableTimes;
-  }
   // Times that cannot be shown become 5-second steps from 0, no longer UTC.
-  if (unusableTimes > 0) {
+  if (track->rewriteTimes) {
     for (int32_t i = 0; i < count; ++i) points[i].dwTime = static_cast<uint32_t>(i) * 5u;
     record->bUtc = 0;
   }
@@ -345,20 +458,33 @@ int32_t MakeGoogleFolder(FlightAnalysis* record, TextBuffer* text) {
   AddHead(kml);
   AddStatistics(kml, *record);
   for (const ResultLayout& layout : kResultLayouts) AddResult(kml, *record, layout);
-  HashContext hash;
-  HashInit(&hash);
-  const int32_t hashAt = AddTrack(kml, *record, absolute, &hash);
-  uint32_t digest[5];
-  HashFinish(&hash, digest);
+  if (kml.failed() || track->result < 0) return -1;
+  // The track's text becomes the document, the head moved in before it.
+  const int32_t trackAt = text->length;
+  TextBuffer& body = track->text;
+  if (Reserve(&body, static_cast<int64_t>(trackAt) + body.length + kDocumentRoom) < 0) return -1;
+  std::memmove(body.data + trackAt, body.data, static_cast<size_t>(body.length) + 1);
+  std::memcpy(body.data, text->data, static_cast<size_t>(trackAt));
+  body.length += trackAt;
+  std::swap(text->data, body.data);
+  std::swap(text->capacity, body.capacity);
+  std::swap(text->length, body.length);
   kml.Add("      </LineString>\r\n");
   kml.Add("    </Placemark>\r\n");
   kml.Add("  </Folder>\r\n");
   kml.Add("%s", pszKmlTail);
   if (kml.failed()) return -1;
-  if (hashAt >= 0) {
+  if (track->hashAt >= 0) {
+    const uint32_t* digest = track->adwDigest;
     char hex[41];
     std::snprintf(hex, sizeof hex, "%08X%08X%08X%08X%08X", digest[0], digest[1], digest[2], digest[3], digest[4]);
-    std::memcpy(text->data + hashAt, hex, 40);
+    std::memcpy(text->data + trackAt + track->hashAt, hex, 40);
   }
   return 0;
+}
+
+int32_t MakeGoogleFolder(FlightAnalysis* record, TextBuffer* text) {
+  GoogleTrack track;
+  MakeGoogleTrack(record, &track);
+  return MakeGoogleFolder(record, text, &track);
 }

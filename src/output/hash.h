@@ -24,6 +24,10 @@ int32_t HashBuffer(HashContext* hash, const uint8_t* bytes, int32_t length);
 // The 80-round compression of the collected block into the state.
 void HashBlock(HashContext* hash);
 
+// The compression uses the processor's SHA-1 instructions where it has them
+// (set at start); tests switch this off to check the portable one.
+extern bool bHashInstructions;
+
 // Pads the message, compresses what is left and gives the five digest words,
 // first to last. The context must be initialised again before reuse.
 void HashFinish(HashContext* hash, uint32_t digest[5]);

@@ -1,6 +1,13 @@
 #include "track/analysis.h"
 
+#include <sys/mman.h>
+
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
 #include <algorithm>
+#include <atomic>
 #include <cctype>
 #include <cmath>
 #include <cstdio>
@@ -8,23 +15,55 @@
 #include <cstring>
 #include <limits>
 #include <optional>
+#include <thread>
 #include <utility>
 
 #include "core/console.h"
 #include "core/run.h"
 #include "geo/conv.h"
 #include "geo/time.h"
+#include "track/parallel.h"
 
 void* (*pAnalysisAllocate)(size_t bytes) = std::malloc;
 
 namespace {
 
+// Big tables are written once in full, and a fault per small page costs
+// more than filling it: a table of about a whole number of large pages gets
+// them, aligned to them, where the system gives large pages on request.
+constexpr size_t kLargePage = size_t{1} << 21;
+
+bool WantsLargePages(size_t bytes) {
+#ifdef MADV_HUGEPAGE
+  const size_t rounded = (bytes + kLargePage - 1) / kLargePage * kLargePage;
+  return bytes >= kLargePage - kLargePage / 8 && rounded - bytes <= bytes / 8;
+#else
+  (void)bytes;
+  return false;
+#endif
+}
+
 // A table from pAnalysisAllocate, freed on every way out.
 template <typename T>
 class Table {
  public:
-  explicit Table(size_t count) : data_(static_cast<T*>(pAnalysisAllocate(std::max<size_t>(count, 1) * sizeof(T)))) {}
-  ~Table() { std::free(data_); }
+  explicit Table(size_t count) {
+    const size_t bytes = std::max<size_t>(count, 1) * sizeof(T);
+    if (!WantsLargePages(bytes)) {
+      raw_ = pAnalysisAllocate(bytes);
+      data_ = static_cast<T*>(raw_);
+      return;
+    }
+    // Two large pages more: one to align, one for the rounding up.
+    raw_ = pAnalysisAllocate(bytes + 2 * kLargePage);
+    if (raw_ == nullptr) return;
+    const uintptr_t aligned = (reinterpret_cast<uintptr_t>(raw_) + kLargePage - 1) & ~(uintptr_t{kLargePage} - 1);
+    data_ = reinterpret_cast<T*>(aligned);
+#ifdef MADV_HUGEPAGE
+    madvise(data_, (bytes + kLargePage - 1) / kLargePage * kLargePage, MADV_HUGEPAGE);
+#endif
+  }
+  ~Table() { std::free(raw_); }
   Table(const Table&) = delete;
   Table& operator=(const Table&) = delete;
   bool ok() const { return data_ != nullptr; }
@@ -32,7 +71,8 @@ class Table {
   T& operator[](size_t i) const { return data_[i]; }
 
  private:
-  T* data_;
+  void* raw_ = nullptr;
+  T* data_ = nullptr;
 };
 
 GeoPos Geo(const TrackPoint& point) {
@@ -98,20 +138,6 @@ bool ParseTrackSelection(const char* word, TrackSpan* tracks, int32_t count) {
       return false;
     }
   }
-}
-
-// Speed from the earlier point to the later one in m/s; 0 unless time advances.
-double StepSpeed(const TrackPoint& earlier, const TrackPoint& later) {
-  if (later.dwTime <= earlier.dwTime) return 0.0;
-  return Distance(earlier, later) / static_cast<double>(later.dwTime - earlier.dwTime);
-}
-
-// Speed of `point` against a reference later in the log and not earlier in
-// time; equal times give an infinite speed.
-double SpeedBackTo(const TrackPoint& point, const TrackPoint& reference) {
-  uint32_t dt = reference.dwTime - point.dwTime;
-  if (dt == 0) return std::numeric_limits<double>::infinity();
-  return Distance(point, reference) / static_cast<double>(dt);
 }
 
 }  // namespace
@@ -228,9 +254,31 @@ int32_t CheckForSpeedConsistency() {
   int32_t count = tGps.nTrackPoints;
   if (tGps.bNoAnalysis != 0 || count < rules::kSpeedCheckMinPoints) return 0;
 
+  // Each point's reduced latitude once and each step's speed once; without
+  // the memory for them every distance is measured as it comes.
+  Table<GeoPoint> geo(static_cast<size_t>(count));
+  Table<double> steps(static_cast<size_t>(count));
+  const bool prepared = geo.ok() && steps.ok();
+  auto distance = [&](int32_t a, int32_t b) {
+    if (!prepared) return Distance(points[a], points[b]);
+    double d = 0.0;
+    CalcPreparedDistance(geo[static_cast<size_t>(a)], geo[static_cast<size_t>(b)], &d);
+    return d;
+  };
+  // Speed from point i - 1 to point i in m/s; 0 unless time advances.
+  auto stepSpeed = [&](int32_t i) {
+    if (points[i].dwTime <= points[i - 1].dwTime) return 0.0;
+    return distance(i - 1, i) / static_cast<double>(points[i].dwTime - points[i - 1].dwTime);
+  };
+  if (prepared) {
+    for (int32_t i = 0; i < count; ++i) geo[static_cast<size_t>(i)] = PrepareGeoPoint(Geo(points[i]));
+    for (int32_t i = 1; i < count; ++i) steps[static_cast<size_t>(i)] = stepSpeed(i);
+  }
+  auto step = [&](int32_t i) { return prepared ? steps[static_cast<size_t>(i)] : stepSpeed(i); };
+
   int32_t bins[rules::kSpeedBins] = {};
   for (int32_t i = 1; i < count; ++i) {
-    double speed = std::min(StepSpeed(points[i - 1], points[i]), 1000000.0);
+    double speed = std::min(step(i), 1000000.0);
     int32_t bin = static_cast<int32_t>(speed);
     if (bin < rules::kSpeedBins) ++bins[bin];
   }
@@ -247,7 +295,7 @@ int32_t CheckForSpeedConsistency() {
   int32_t run = 0;
   double speed = 0.0;
   for (int32_t i = 1; i < count; ++i) {
-    speed = StepSpeed(points[i - 1], points[i]);
+    speed = step(i);
     run = speed < limit ? run + 1 : 0;
     if (run == rules::kSpeedAnchorRun) {
       anchor = i;
@@ -262,7 +310,11 @@ int32_t CheckForSpeedConsistency() {
   // Backwards, a point later in time than the reference keeps the speed of
   // the step before: deliberate.
   for (int32_t i = anchor - 1; i >= 0; --i) {
-    if (points[i].dwTime <= points[reference].dwTime) speed = SpeedBackTo(points[i], points[reference]);
+    if (points[i].dwTime <= points[reference].dwTime) {
+      // Against a reference later in the log: equal times give an infinite speed.
+      const uint32_t dt = points[reference].dwTime - points[i].dwTime;
+      speed = dt == 0 ? std::numeric_limits<double>::infinity() : distance(i, reference) / static_cast<double>(dt);
+    }
     if (speed < limit) {
       points[i].dwFlags |= rules::kKeepMark;
       reference = i;
@@ -272,7 +324,7 @@ int32_t CheckForSpeedConsistency() {
   for (int32_t i = anchor + 1; i < count; ++i) {
     uint32_t dt = points[i].dwTime - points[reference].dwTime;
     speed = points[i].dwTime > points[reference].dwTime
-                ? Distance(points[i], points[reference]) / static_cast<double>(dt)
+                ? distance(i, reference) / static_cast<double>(dt)
                 : 0.0;
     if (speed < limit) {
       points[i].dwFlags |= rules::kKeepMark;
@@ -571,56 +623,17 @@ auto DirectSteps(const TrackPoint* points) {
   return [points](int32_t j, int32_t reference) { return Distance(points[j], points[reference]); };
 }
 
-// The windowed walks measure consecutive points again and again. A step's
-// reference is the point after it, or the last of a run of equal times just
-// above it, or the window's own end inside such a run; the first two are
-// measured once per flight, the third once per walk at most.
-class StepCache {
- public:
-  explicit StepCache(const TrackPoint* points, int32_t count)
-      : points_(points), next_(static_cast<size_t>(count)), runTop_(static_cast<size_t>(count)),
-        overRun_(static_cast<size_t>(count)) {
-    if (!ok()) return;
-    for (int32_t j = 0; j + 1 < count; ++j) {
-      next_[j] = Distance(points[j], points[j + 1]);
-      overRun_[j] = std::numeric_limits<double>::quiet_NaN();
-    }
-    runTop_[count - 1] = count - 1;
-    for (int32_t j = count - 2; j >= 0; --j) {
-      runTop_[j] = points[j + 1].dwTime == points[j].dwTime ? runTop_[j + 1] : j;
-    }
-  }
-  bool ok() const { return next_.ok() && runTop_.ok() && overRun_.ok(); }
-  double Next(int32_t j) const { return next_[j]; }
-
-  double operator()(int32_t j, int32_t reference) const {
-    if (reference == j + 1) return next_[j];
-    if (reference == runTop_[j + 1]) {
-      if (std::isnan(overRun_[j])) overRun_[j] = Distance(points_[j], points_[reference]);
-      return overRun_[j];
-    }
-    return Distance(points_[j], points_[reference]);
-  }
-
- private:
-  const TrackPoint* points_;
-  Table<double> next_;     // j to j + 1
-  Table<int32_t> runTop_;  // last index of the run of equal times holding j
-  Table<double> overRun_;  // j to the top of the run just above it, when asked
-};
-
 int32_t RoundedMetres(int32_t decimetres) {
   return static_cast<int32_t>((static_cast<int64_t>(decimetres) + 5) / 10);
 }
 
-template <typename StepDistance>
-void FillStatistics(FlightAnalysis* record, StepDistance&& stepDistance, const StepCache* cache) {
+// Times and the altitude range: every field but the distances and speeds.
+void FillTimesAndHeights(FlightAnalysis* record) {
   const TrackPoint* points = record->pPoints;
   const int32_t count = record->nPoints;
   record->dwStartTime = points[0].dwTime;
   record->dwEndTime = points[count - 1].dwTime;
   record->dwDuration = record->dwEndTime - record->dwStartTime;
-
   int32_t lowest = 1000000, highest = -1000000;
   for (int32_t i = 0; i < count; ++i) {
     lowest = std::min(lowest, points[i].lGpsAltitude);
@@ -628,19 +641,235 @@ void FillStatistics(FlightAnalysis* record, StepDistance&& stepDistance, const S
   }
   record->nLowestAltitude = RoundedMetres(lowest);
   record->nHighestAltitude = RoundedMetres(highest);
+}
 
+// Measuring every step of every window: the statistics without working memory.
+void FillStatistics(FlightAnalysis* record) {
+  const TrackPoint* points = record->pPoints;
+  const int32_t count = record->nPoints;
+  FillTimesAndHeights(record);
+  const auto stepDistance = DirectSteps(points);
   double length = 0.0, top = 0.0, mean = 0.0, sink = 0.0, climb = 0.0;
   double speed = 0.0, rate = 0.0;
   const uint32_t topFrom = points[0].dwTime + rules::kTopSpeedWindow;
   const uint32_t meanFrom = points[0].dwTime + rules::kMeanSpeedWindow;
   for (int32_t i = 1; i < count; ++i) {
-    length += cache != nullptr ? cache->Next(i - 1) : Distance(points[i - 1], points[i]);
+    length += Distance(points[i - 1], points[i]);
     if (points[i - 1].dwTime > topFrom) {
       TopSpeed(points, i, stepDistance, &speed);
       top = std::max(top, speed);
     }
     if (points[i - 1].dwTime > meanFrom) {
       MeanSpeed(points, i, stepDistance, &speed, &rate);
+      if (speed > mean) mean = speed;
+      if (rate < sink) sink = rate;
+      if (rate > climb) climb = rate;
+    }
+  }
+  record->dTrackLength = length;
+  record->dTopSpeed = top;
+  record->dMeanSpeed = mean;
+  record->dWorstSink = sink;
+  record->dBestClimb = climb;
+  record->dAverageSpeed = 3.6 * length / record->dwDuration;
+}
+
+// The same statistics from distances measured once. A window's walk skips
+// the points of a run of equal times and steps from the last point of one
+// run to the last point of the run before (its first step starts at the
+// point itself), so each step but the first is a step between runs, kept
+// per run with the running sum of those steps. Where times only increase
+// and no segment starts inside a window, its end is found by moving a
+// pointer along the runs, and the sum of its steps bounds the covered
+// distance from above: a window that cannot beat the best speed so far is
+// not summed at all. Every sum that counts is taken step by step in the
+// walk's own order; any other window is walked as it always was.
+class Statistics {
+ public:
+  Statistics(const TrackPoint* points, int32_t count)
+      : points_(points), count_(count), geo_(static_cast<size_t>(count)), next_(static_cast<size_t>(count)),
+        runs_(static_cast<size_t>(count)) {}
+  bool ok() const { return geo_.ok() && next_.ok() && runs_.ok(); }
+  void Fill(FlightAnalysis* record);
+
+ private:
+  struct Run {
+    int32_t first;
+    int32_t last;
+    uint32_t time;
+    bool segment;  // a point of the run starts a segment
+    double step;   // from the last point of the run before to `last`
+    double steps;  // sum of `step` up to this run
+  };
+  // Where a window of point `index` ends; `steps` counts the steps, the last
+  // one partial.
+  struct Window {
+    int32_t steps;
+    int32_t reference;  // the point the partial step measures from
+    int32_t end;        // its earlier point, the last of its run
+    double fraction;
+    double bound;  // at least the covered distance as the walk sums it
+  };
+
+  double Measure(int32_t a, int32_t b) const {
+    double d = 0.0;
+    CalcPreparedDistance(geo_[static_cast<size_t>(a)], geo_[static_cast<size_t>(b)], &d);
+    return d;
+  }
+  bool SamePosition(int32_t a, int32_t b) const {
+    return points_[a].lLatitude == points_[b].lLatitude && points_[a].lLongitude == points_[b].lLongitude;
+  }
+  // The walk's step from `j` back to its reference: consecutive points and
+  // last points of runs are measured already.
+  double Step(int32_t j, int32_t reference) const {
+    return reference == j + 1 ? next_[static_cast<size_t>(j)] : Measure(j, reference);
+  }
+  void MeasureRuns();
+  double FirstStep(int32_t index, int32_t run) const;
+  bool FindWindow(int32_t index, int32_t run, uint32_t window, int32_t* pointer, double first, Window* w) const;
+  double Covered(int32_t run, double first, const Window& w) const;
+
+  const TrackPoint* points_;
+  int32_t count_;
+  Table<GeoPoint> geo_;
+  Table<double> next_;  // j to j + 1
+  Table<Run> runs_;
+  int32_t runCount_ = 0;
+  double slack_ = 0.0;   // what rounding can take from a difference of two running sums
+  bool bounded_ = false;  // every step finite: the bounds hold
+  int32_t lastSegment_ = -1;  // the last point before the current one that starts a segment
+  int32_t lastDrop_ = 0;      // the last run whose time is below its predecessor's
+};
+
+void Statistics::MeasureRuns() {
+  int32_t n = 0;
+  for (int32_t i = 0; i < count_; ++i) {
+    const bool segment = IsSegmentStart(points_[i]);
+    if (n > 0 && points_[i].dwTime == runs_[static_cast<size_t>(n - 1)].time) {
+      Run& run = runs_[static_cast<size_t>(n - 1)];
+      run.last = i;
+      run.segment = run.segment || segment;
+    } else {
+      runs_[static_cast<size_t>(n++)] = Run{i, i, points_[i].dwTime, segment, 0.0, 0.0};
+    }
+  }
+  runCount_ = n;
+  double sum = 0.0;
+  for (int32_t r = 1; r < n; ++r) {
+    Run& run = runs_[static_cast<size_t>(r)];
+    const int32_t below = runs_[static_cast<size_t>(r - 1)].last;
+    run.step = run.last == run.first || SamePosition(run.last, run.first) ? next_[static_cast<size_t>(below)]
+                                                                          : Measure(below, run.last);
+    sum += run.step;
+    run.steps = sum;
+  }
+  bounded_ = std::isfinite(sum);
+  // Each running sum is within n rounding steps of the exact one.
+  slack_ = bounded_ ? 4.0 * std::numeric_limits<double>::epsilon() * n * sum + 1e-9 : 0.0;
+}
+
+double Statistics::FirstStep(int32_t index, int32_t run) const {
+  const Run& r = runs_[static_cast<size_t>(run)];
+  if (index == r.first || SamePosition(index, r.first)) return next_[static_cast<size_t>(r.first - 1)];
+  if (index == r.last || SamePosition(index, r.last)) return r.step;
+  return Measure(runs_[static_cast<size_t>(run - 1)].last, index);
+}
+
+bool Statistics::FindWindow(int32_t index, int32_t run, uint32_t window, int32_t* pointer, double first,
+                            Window* w) const {
+  const uint32_t now = runs_[static_cast<size_t>(run)].time;
+  if (run < 1 || now < window) return false;
+  const uint32_t limit = now - window;
+  int32_t m = *pointer;
+  while (m + 1 < run && runs_[static_cast<size_t>(m + 1)].time <= limit) ++m;
+  *pointer = m;
+  // Times rising through the window and no segment start inside it: the
+  // walk ends at the first run back at least `window` seconds earlier.
+  if (m >= run || runs_[static_cast<size_t>(m)].time > limit) return false;
+  if (m + 1 < run && runs_[static_cast<size_t>(m + 1)].time <= limit) return false;
+  if (lastDrop_ > m || lastSegment_ > runs_[static_cast<size_t>(m)].last) return false;
+  const Run& end = runs_[static_cast<size_t>(m)];
+  w->steps = run - m;
+  w->end = end.last;
+  uint32_t elapsed = 0;
+  uint32_t from = now;
+  if (w->steps == 1) {
+    w->reference = index;
+  } else {
+    const Run& above = runs_[static_cast<size_t>(m + 1)];
+    w->reference = above.last;
+    from = above.time;
+    elapsed = now - from;
+  }
+  w->fraction = static_cast<double>(window - elapsed) / (from - end.time);
+  // The partial step counts whole here: the fraction is at most 1.
+  const double steps = runs_[static_cast<size_t>(run - 1)].steps - end.steps;
+  w->bound = (first + steps + slack_) * (1.0 + 1e-12);
+  return true;
+}
+
+double Statistics::Covered(int32_t run, double first, const Window& w) const {
+  if (w.steps == 1) return 0.0 + w.fraction * first;
+  double distance = 0.0;
+  distance += first;
+  const int32_t m = run - w.steps;
+  for (int32_t r = run - 1; r >= m + 2; --r) distance += runs_[static_cast<size_t>(r)].step;
+  distance += w.fraction * runs_[static_cast<size_t>(m + 1)].step;
+  return distance;
+}
+
+void Statistics::Fill(FlightAnalysis* record) {
+  const TrackPoint* points = points_;
+  const int32_t count = count_;
+  FillTimesAndHeights(record);
+  for (int32_t i = 0; i < count; ++i) geo_[static_cast<size_t>(i)] = PrepareGeoPoint(Geo(points[i]));
+  for (int32_t j = 0; j + 1 < count; ++j) next_[static_cast<size_t>(j)] = Measure(j, j + 1);
+  double length = 0.0;
+  for (int32_t i = 1; i < count; ++i) length += next_[static_cast<size_t>(i - 1)];
+  MeasureRuns();
+
+  const auto stepDistance = [this](int32_t j, int32_t reference) { return Step(j, reference); };
+  double top = 0.0, mean = 0.0, sink = 0.0, climb = 0.0;
+  const uint32_t topFrom = points[0].dwTime + rules::kTopSpeedWindow;
+  const uint32_t meanFrom = points[0].dwTime + rules::kMeanSpeedWindow;
+  int32_t run = 0, topPointer = 0, meanPointer = 0;
+  for (int32_t i = 1; i < count; ++i) {
+    if (runs_[static_cast<size_t>(run)].last < i) {
+      ++run;
+      if (runs_[static_cast<size_t>(run)].time < runs_[static_cast<size_t>(run - 1)].time) lastDrop_ = run;
+    }
+    if (IsSegmentStart(points[i - 1])) lastSegment_ = i - 1;
+    const bool topWindow = points[i - 1].dwTime > topFrom;
+    const bool meanWindow = points[i - 1].dwTime > meanFrom;
+    // At a segment start both speeds are 0 and the climb is the last one
+    // again: nothing changes.
+    if ((!topWindow && !meanWindow) || IsSegmentStart(points[i])) continue;
+    const double first = run > 0 ? FirstStep(i, run) : 0.0;
+    const bool bounded = bounded_ && std::isfinite(first);
+    Window w;
+    if (topWindow) {
+      if (FindWindow(i, run, rules::kTopSpeedWindow, &topPointer, first, &w)) {
+        if (!bounded || rules::kTopSpeedFactor * w.bound > top) {
+          top = std::max(top, rules::kTopSpeedFactor * Covered(run, first, w));
+        }
+      } else {
+        double speed;
+        TopSpeed(points, i, stepDistance, &speed);
+        top = std::max(top, speed);
+      }
+    }
+    if (meanWindow) {
+      double speed = 0.0, rate = 0.0;
+      if (FindWindow(i, run, rules::kMeanSpeedWindow, &meanPointer, first, &w)) {
+        const double from = points[w.reference].lGpsAltitude;
+        const double altitude = from + w.fraction * (points[w.end].lGpsAltitude - from);
+        rate = (points[i].lGpsAltitude - altitude) * rules::kClimbFactor;
+        if (!bounded || rules::kMeanSpeedFactor * w.bound > mean) {
+          speed = rules::kMeanSpeedFactor * Covered(run, first, w);
+        }
+      } else {
+        MeanSpeed(points, i, stepDistance, &speed, &rate);
+      }
       if (speed > mean) mean = speed;
       if (rate < sink) sink = rate;
       if (rate > climb) climb = rate;
@@ -708,9 +937,11 @@ void FillClosingTables(const uint32_t* distance, int32_t count, uint32_t* gap, u
 namespace {
 
 // The search keeps the last triangle, in the order first corner, third
-// corner, second corner, among those with the greatest score. It finds that
-// score by branch and bound and then the last triangle reaching it by a
-// search backwards, so that pruning can never change which one wins.
+// corner, second corner, among those with the greatest score. It is a
+// branch and bound that prunes only what cannot reach the best score so far,
+// ties included, and keeps the last of the equal ones, so that neither the
+// order of the search nor its split between two threads can change which
+// one wins.
 //
 // Bounds come from blocks of consecutive points (16, and 128 above them): for
 // each point the greatest and smallest distance into each block, and for
@@ -720,23 +951,41 @@ namespace {
 // least 28 % of the perimeter, so the perimeter is at most about 3.6 times
 // each side, and no side longer than 44 % of it, which the smallest distances
 // test; thin, nearly straight triangles are ruled out a block at a time.
+template <typename GapEntry>
 class TriangleSearch {
  public:
   static constexpr int32_t kBlock = 16;
   static constexpr int32_t kWide = 8;  // small blocks in a large one
 
-  TriangleSearch(const uint32_t* distance, int32_t count, const uint32_t* gap)
+  TriangleSearch(const uint32_t* distance, int32_t count, const GapEntry* gap)
       : d_(distance), n_(count), gap_(gap), blocks_((count + kBlock - 1) / kBlock),
-        wideBlocks_((blocks_ + kWide - 1) / kWide), near_(Size(count, blocks_)), wide_(Size(count, wideBlocks_)),
-        blockPairs_(Size(blocks_, blocks_)), order_(Size(blocks_, blocks_)) {}
+        wideBlocks_((blocks_ + kWide - 1) / kWide), near_(Size(count, blocks_)), shape_(Size(count, blocks_ + kWide)),
+        wide_(Size(count, wideBlocks_)),
+        wideInto_(Size(blocks_, wideBlocks_)), blockPairs_(Size(blocks_, blocks_)), order_(Size(blocks_, blocks_)) {}
 
-  bool ok() const { return near_.ok() && wide_.ok() && blockPairs_.ok() && order_.ok(); }
+  bool ok() const {
+    return near_.ok() && shape_.ok() && wide_.ok() && wideInto_.ok() && blockPairs_.ok() && order_.ok();
+  }
+
+  // The best triangle so far: its score (-1 for none at 0 or above) and corners.
+  struct Found {
+    int64_t score = -1;
+    int32_t a = -1, b = -1, c = -1;
+    // Equal scores go to the later triangle in the order a, c, b.
+    bool Beats(const Found& other) const {
+      if (score != other.score) return score > other.score;
+      if (a != other.a) return a > other.a;
+      return c != other.c ? c > other.c : b > other.b;
+    }
+  };
 
   void Prepare();
-  // Greatest score of a flat (fai = false) or FAI triangle, or -1 for none at 0 or above.
-  int64_t BestScore(bool fai);
-  // The last triangle reaching `score`: a, b, c.
-  void FindLast(bool fai, int64_t score, int32_t* corners) const;
+  // Prepare in two steps: the spans of each row, as soon as the row is
+  // complete, then the rest once every row is.
+  void PrepareRow(int32_t x);
+  void PrepareBlocks();
+  // The best flat (fai = false) or FAI triangle.
+  Found Best(bool fai);
 
  private:
   static constexpr int64_t kNone = std::numeric_limits<int64_t>::min() / 4;
@@ -766,11 +1015,39 @@ class TriangleSearch {
     int64_t base;
   };
 
+  // The least and greatest of kBlock distances.
+  static Span BlockSpan(const uint32_t* values) {
+#if defined(__SSE2__)
+    static_assert(kBlock == 16);
+    // Unsigned order is signed order with the top bit flipped.
+    const __m128i flip = _mm_set1_epi32(INT32_MIN);
+    __m128i least = _mm_xor_si128(_mm_loadu_si128(reinterpret_cast<const __m128i*>(values)), flip);
+    __m128i most = least;
+    for (int32_t i = 4; i < kBlock; i += 4) {
+      const __m128i v = _mm_xor_si128(_mm_loadu_si128(reinterpret_cast<const __m128i*>(values + i)), flip);
+      const __m128i below = _mm_cmpgt_epi32(least, v), above = _mm_cmpgt_epi32(v, most);
+      least = _mm_or_si128(_mm_and_si128(below, v), _mm_andnot_si128(below, least));
+      most = _mm_or_si128(_mm_and_si128(above, v), _mm_andnot_si128(above, most));
+    }
+    uint32_t lows[4], highs[4];
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(lows), _mm_xor_si128(least, flip));
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(highs), _mm_xor_si128(most, flip));
+    return {std::min({lows[0], lows[1], lows[2], lows[3]}), std::max({highs[0], highs[1], highs[2], highs[3]})};
+#else
+    Span s = {values[0], values[0]};
+    for (int32_t i = 1; i < kBlock; ++i) {
+      s.least = std::min(s.least, values[i]);
+      s.most = std::max(s.most, values[i]);
+    }
+    return s;
+#endif
+  }
   static size_t Size(int32_t rows, int32_t columns) { return static_cast<size_t>(rows) * static_cast<size_t>(columns); }
   uint32_t Gap(int32_t a, int32_t c) const { return gap_[ClosingRowStart(n_, a) + static_cast<size_t>(c - a)]; }
   const uint32_t* Row(int32_t a) const { return d_ + Size(a, n_); }
   const Span& Near(int32_t x, int32_t k) const { return near_[Size(x, blocks_) + static_cast<size_t>(k)]; }
   const Span& Wide(int32_t x, int32_t k) const { return wide_[Size(x, wideBlocks_) + static_cast<size_t>(k)]; }
+  const Span& WideInto(int32_t A, int32_t K) const { return wideInto_[Size(A, wideBlocks_) + static_cast<size_t>(K)]; }
   BlockPair& Pair(int32_t A, int32_t C) const { return blockPairs_[Size(A, blocks_) + static_cast<size_t>(C)]; }
   int64_t Bound(bool fai, int32_t A, int32_t C) const { return fai ? Pair(A, C).faiBound : Pair(A, C).flatBound; }
 
@@ -795,41 +1072,114 @@ class TriangleSearch {
     return kDen * longest <= (kDen - 2 * kNum) * most + 2 * (kDen - 1) ? most : -1;
   }
 
-  // Whether a second corner with these distance ranges can reach `need`.
+  // Whether corners with sides a-c in `ac` and a closing gap of at least
+  // `gap` and a second corner with distances in `ab` and `bc` can reach
+  // `need`. The FAI part is FaiMost's test without its divisions, the cap
+  // taken unrounded where it bounds the longest side: a little weaker, so it
+  // still never shuts out a triangle that reaches `need`.
+  static bool Reaches(bool fai, Span ac, uint32_t gap, Span ab, Span bc, int64_t need) {
+    const int64_t sum = static_cast<int64_t>(ac.most) + ab.most + bc.most;
+    if (!fai) return sum - gap >= need;
+    constexpr int64_t kDen = rules::kFaiSideDenominator, kNum = rules::kFaiSideNumerator;
+    const int64_t shortest = std::min({ac.most, ab.most, bc.most});
+    const int64_t longest = std::max({ac.least, ab.least, bc.least});
+    const int64_t cap = kDen * shortest + kDen - 1;  // 7 x FaiCap(shortest), before rounding down
+    // The shape test first: it rules out nearly every block that fails.
+    return kNum * kDen * longest <= (kDen - 2 * kNum) * cap + 2 * (kDen - 1) * kNum && sum - gap >= need &&
+           cap >= kNum * (need + gap) && kDen * longest <= (kDen - 2 * kNum) * sum + 2 * (kDen - 1);
+  }
+  static constexpr uint32_t kShapeLimit = uint32_t{1} << 21;
+  static int32_t ShapeLow(uint32_t least) {
+    return static_cast<int32_t>(std::min(least, kShapeLimit)) * rules::kFaiSideNumerator * rules::kFaiSideDenominator;
+  }
+  static int32_t ShapeHigh(uint32_t most) {
+    constexpr int32_t kDen = rules::kFaiSideDenominator, kNum = rules::kFaiSideNumerator;
+    return static_cast<int32_t>(std::min(most, kShapeLimit)) * ((kDen - 2 * kNum) * kDen) +
+           (kDen - 2 * kNum) * (kDen - 1) + 2 * (kDen - 1) * kNum;
+  }
+  // Bit i set for each of the kWide small blocks from `k` on that may pass
+  // the FAI shape test with the corners of `p`.
+  uint32_t Shapes(const Corners& p, int32_t k) const;
+  // The same for a pair of corners.
   static bool Open(bool fai, const Corners& p, Span ab, Span bc, int64_t need) {
-    if (p.base + ab.most + bc.most < need) return false;
-    return !fai || FaiMost({p.ac, p.ac}, ab, bc) >= need + p.gap;
+    return Reaches(fai, {p.ac, p.ac}, p.gap, ab, bc, need);
   }
   bool MakeCorners(bool fai, int32_t a, int32_t c, int64_t need, Corners* p) const;
-  // Pass over the second corners of a pair: raises `need` past every score
-  // found (forward), or stops at the first score equal to it (backward).
-  template <bool kForward>
-  int32_t Scan(bool fai, const Corners& p, int64_t* need) const;
+  // Pass over the second corners of a pair, keeping in `found` what beats it
+  // and raising `need` to its score.
+  // Only the large blocks of `open` (bit K for block K) are looked at.
+  void Scan(bool fai, const Corners& p, uint64_t open, int64_t* need, Found* found) const;
+  // The block pairs `part`, `part` + 2, ... of the `candidates` in order_;
+  // `shared` carries the best score either half has found.
+  void SearchPart(bool fai, int32_t candidates, int32_t part, std::atomic<int64_t>* shared, Found* found) const;
 
   const uint32_t* d_;
   int32_t n_;
-  const uint32_t* gap_;
+  const GapEntry* gap_;
   int32_t blocks_, wideBlocks_;
   Table<Span> near_;  // point x small block
+  // The FAI shape test of Reaches, scaled to 32 bits: per point and small
+  // block (and kWide blocks of padding that never pass), 175 x least and
+  // 275 x most + 600. A block can pass only where the greatest of the first
+  // is at most the least of the second, which Shapes tests four blocks at a
+  // time while every distance is below 2^21 m.
+  struct Shape {
+    int32_t low;
+    int32_t high;
+  };
+  Table<Shape> shape_;
+  bool shaped_ = true;
   Table<Span> wide_;  // point x large block
+  Table<Span> wideInto_;  // small block x large block: what its points reach there
   Table<BlockPair> blockPairs_;
   Table<int32_t> order_;
 };
 
-void TriangleSearch::Prepare() {
+template <typename GapEntry>
+void TriangleSearch<GapEntry>::Prepare() {
+  for (int32_t x = 0; x < n_; ++x) PrepareRow(x);
+  PrepareBlocks();
+}
+
+template <typename GapEntry>
+void TriangleSearch<GapEntry>::PrepareRow(int32_t x) {
   constexpr Span kEmpty = {std::numeric_limits<uint32_t>::max(), 0};
   auto widen = [](Span* s, Span t) {
     s->least = std::min(s->least, t.least);
     s->most = std::max(s->most, t.most);
   };
-  for (int32_t x = 0; x < n_; ++x) {
-    const uint32_t* row = Row(x);
-    for (int32_t K = 0; K < wideBlocks_; ++K) wide_[Size(x, wideBlocks_) + static_cast<size_t>(K)] = kEmpty;
-    for (int32_t k = 0; k < blocks_; ++k) {
+  const uint32_t* row = Row(x);
+  for (int32_t K = 0; K < wideBlocks_; ++K) wide_[Size(x, wideBlocks_) + static_cast<size_t>(K)] = kEmpty;
+  for (int32_t k = 0; k < blocks_; ++k) {
+    Span s = kEmpty;
+    const int32_t first = k * kBlock, end = std::min(n_, (k + 1) * kBlock);
+    if (end - first == kBlock) {
+      s = BlockSpan(row + first);
+    } else {
+      for (int32_t b = first; b < end; ++b) widen(&s, {row[b], row[b]});
+    }
+    near_[Size(x, blocks_) + static_cast<size_t>(k)] = s;
+    widen(&wide_[Size(x, wideBlocks_) + static_cast<size_t>(k / kWide)], s);
+    if (s.most >= kShapeLimit) shaped_ = false;
+    shape_[Size(x, blocks_ + kWide) + static_cast<size_t>(k)] = {ShapeLow(s.least), ShapeHigh(s.most)};
+  }
+  for (int32_t k = blocks_; k < blocks_ + kWide; ++k) {
+    shape_[Size(x, blocks_ + kWide) + static_cast<size_t>(k)] = {std::numeric_limits<int32_t>::max(), 0};
+  }
+}
+
+template <typename GapEntry>
+void TriangleSearch<GapEntry>::PrepareBlocks() {
+  constexpr Span kEmpty = {std::numeric_limits<uint32_t>::max(), 0};
+  auto widen = [](Span* s, Span t) {
+    s->least = std::min(s->least, t.least);
+    s->most = std::max(s->most, t.most);
+  };
+  for (int32_t A = 0; A < blocks_; ++A) {
+    for (int32_t K = 0; K < wideBlocks_; ++K) {
       Span s = kEmpty;
-      for (int32_t b = k * kBlock; b < std::min(n_, (k + 1) * kBlock); ++b) widen(&s, {row[b], row[b]});
-      near_[Size(x, blocks_) + static_cast<size_t>(k)] = s;
-      widen(&wide_[Size(x, wideBlocks_) + static_cast<size_t>(k / kWide)], s);
+      for (int32_t x = A * kBlock; x < std::min(n_, (A + 1) * kBlock); ++x) widen(&s, Wide(x, K));
+      wideInto_[Size(A, wideBlocks_) + static_cast<size_t>(K)] = s;
     }
   }
   for (int32_t A = 0; A < blocks_; ++A) {
@@ -839,17 +1189,40 @@ void TriangleSearch::Prepare() {
       for (int32_t x = A * kBlock; x < std::min(n_, (A + 1) * kBlock); ++x) widen(&pair.into, Near(x, C));
     }
   }
+  // The corner pairs that close, gathered block by block. A gap only grows
+  // along a row, so the first one too wide ends the row. FaiCap(side) - gap
+  // is kept as 7 times itself, before rounding down, and divided once.
   for (int32_t a = 0; a + 2 < n_; ++a) {
     const uint32_t* row = Row(a);
-    const uint32_t* gaps = gap_ + ClosingRowStart(n_, a) - static_cast<size_t>(a);
-    for (int32_t c = a + 2; c < n_; ++c) {
-      const uint32_t g = gaps[c];
-      if (g >= rules::kClosingGap) continue;
-      BlockPair& pair = Pair(a / kBlock, c / kBlock);
-      pair.baseMax = std::max(pair.baseMax, static_cast<int64_t>(row[c]) - g);
-      pair.capMax = std::max(pair.capMax, FaiCap(row[c]) - g);
-      widen(&pair.side, {row[c], row[c]});
-      pair.gapMin = std::min(pair.gapMin, g);
+    const GapEntry* gaps = gap_ + ClosingRowStart(n_, a) - static_cast<size_t>(a);
+    bool closing = true;
+    for (int32_t C = (a + 2) / kBlock; C < blocks_ && closing; ++C) {
+      int64_t baseMax = kNone, capMax7 = kNone;
+      Span side = kEmpty;
+      uint32_t gapMin = std::numeric_limits<uint32_t>::max();
+      const int32_t to = std::min(n_, (C + 1) * kBlock);
+      for (int32_t c = std::max(C * kBlock, a + 2); c < to; ++c) {
+        const uint32_t g = gaps[c];
+        if (g >= rules::kClosingGap) {
+          closing = false;
+          break;
+        }
+        const int64_t v = row[c];
+        baseMax = std::max(baseMax, v - g);
+        capMax7 = std::max(capMax7, v * rules::kFaiSideDenominator + rules::kFaiSideDenominator - 1 -
+                                        static_cast<int64_t>(g) * rules::kFaiSideNumerator);
+        side.least = std::min(side.least, row[c]);
+        side.most = std::max(side.most, row[c]);
+        gapMin = std::min(gapMin, g);
+      }
+      if (baseMax == kNone) continue;
+      BlockPair& pair = Pair(a / kBlock, C);
+      pair.baseMax = std::max(pair.baseMax, baseMax);
+      const int64_t cap = capMax7 >= 0 ? capMax7 / rules::kFaiSideNumerator
+                                       : -((-capMax7 + rules::kFaiSideNumerator - 1) / rules::kFaiSideNumerator);
+      pair.capMax = std::max(pair.capMax, cap);
+      widen(&pair.side, side);
+      pair.gapMin = std::min(pair.gapMin, gapMin);
     }
   }
   for (int32_t A = 0; A < blocks_; ++A) {
@@ -867,7 +1240,8 @@ void TriangleSearch::Prepare() {
   }
 }
 
-bool TriangleSearch::MakeCorners(bool fai, int32_t a, int32_t c, int64_t need, Corners* p) const {
+template <typename GapEntry>
+bool TriangleSearch<GapEntry>::MakeCorners(bool fai, int32_t a, int32_t c, int64_t need, Corners* p) const {
   p->gap = Gap(a, c);
   if (p->gap >= rules::kClosingGap) return false;
   p->a = a;
@@ -879,32 +1253,113 @@ bool TriangleSearch::MakeCorners(bool fai, int32_t a, int32_t c, int64_t need, C
   return !fai || FaiCap(p->ac) >= need + p->gap;
 }
 
-template <bool kForward>
-int32_t TriangleSearch::Scan(bool fai, const Corners& p, int64_t* need) const {
+template <typename GapEntry>
+uint32_t TriangleSearch<GapEntry>::Shapes(const Corners& p, int32_t k) const {
+  static_assert(kWide == 8);
+  const Shape* sa = &shape_[Size(p.a, blocks_ + kWide) + static_cast<size_t>(k)];
+  const Shape* sc = &shape_[Size(p.c, blocks_ + kWide) + static_cast<size_t>(k)];
+  const int32_t acLow = ShapeLow(p.ac), acHigh = ShapeHigh(p.ac);
+  uint32_t passing = 0;
+#if defined(__SSE2__)
+  const __m128i low0 = _mm_set1_epi32(acLow), high0 = _mm_set1_epi32(acHigh);
+  for (int32_t half = 0; half < 2; ++half) {
+    // Two blocks' (low, high) pairs in each load: lanes low, high, low, high.
+    const __m128i a0 = _mm_loadu_si128(reinterpret_cast<const __m128i*>(sa + 4 * half));
+    const __m128i a1 = _mm_loadu_si128(reinterpret_cast<const __m128i*>(sa + 4 * half + 2));
+    const __m128i c0 = _mm_loadu_si128(reinterpret_cast<const __m128i*>(sc + 4 * half));
+    const __m128i c1 = _mm_loadu_si128(reinterpret_cast<const __m128i*>(sc + 4 * half + 2));
+    // Lows of the four blocks in one register, highs in another.
+    const __m128i aLow = _mm_castps_si128(_mm_shuffle_ps(_mm_castsi128_ps(a0), _mm_castsi128_ps(a1), 0x88));
+    const __m128i aHigh = _mm_castps_si128(_mm_shuffle_ps(_mm_castsi128_ps(a0), _mm_castsi128_ps(a1), 0xDD));
+    const __m128i cLow = _mm_castps_si128(_mm_shuffle_ps(_mm_castsi128_ps(c0), _mm_castsi128_ps(c1), 0x88));
+    const __m128i cHigh = _mm_castps_si128(_mm_shuffle_ps(_mm_castsi128_ps(c0), _mm_castsi128_ps(c1), 0xDD));
+    auto most = [](__m128i x, __m128i y) {
+      const __m128i greater = _mm_cmpgt_epi32(x, y);
+      return _mm_or_si128(_mm_and_si128(greater, x), _mm_andnot_si128(greater, y));
+    };
+    auto least = [](__m128i x, __m128i y) {
+      const __m128i greater = _mm_cmpgt_epi32(x, y);
+      return _mm_or_si128(_mm_and_si128(greater, y), _mm_andnot_si128(greater, x));
+    };
+    const __m128i low = most(most(aLow, cLow), low0);
+    const __m128i high = least(least(aHigh, cHigh), high0);
+    const int failing = _mm_movemask_ps(_mm_castsi128_ps(_mm_cmpgt_epi32(low, high)));
+    passing |= static_cast<uint32_t>(~failing & 0xF) << (4 * half);
+  }
+#else
+  for (int32_t i = 0; i < kWide; ++i) {
+    const int32_t low = std::max({acLow, sa[i].low, sc[i].low});
+    const int32_t high = std::min({acHigh, sa[i].high, sc[i].high});
+    if (low <= high) passing |= 1u << i;
+  }
+#endif
+  return passing;
+}
+
+template <typename GapEntry>
+void TriangleSearch<GapEntry>::Scan(bool fai, const Corners& p, uint64_t open, int64_t* need, Found* found) const {
   const int32_t first = p.a + 1, last = p.c - 1;
   const int32_t wideFirst = first / (kBlock * kWide), wideLast = last / (kBlock * kWide);
-  for (int32_t w = 0; w <= wideLast - wideFirst; ++w) {
-    const int32_t K = kForward ? wideFirst + w : wideLast - w;
-    if (!Open(fai, p, Wide(p.a, K), Wide(p.c, K), *need)) continue;
+  for (int32_t K = wideFirst; K <= wideLast; ++K) {
+    if ((open >> K & 1u) == 0) continue;
+    const bool shaped = fai && shaped_ && p.ac < kShapeLimit;
+    // With the shape test of the small blocks at hand, the large block's own
+    // test would rule out little more.
+    if (!shaped && !Open(fai, p, Wide(p.a, K), Wide(p.c, K), *need)) continue;
     const int32_t blockFirst = std::max(first / kBlock, K * kWide);
     const int32_t blockLast = std::min(last / kBlock, K * kWide + kWide - 1);
-    for (int32_t i = 0; i <= blockLast - blockFirst; ++i) {
-      const int32_t k = kForward ? blockFirst + i : blockLast - i;
+    // The small blocks in reach, less those that fail the FAI shape test,
+    // ruled out a large block at a time.
+    uint32_t blocks = ((2u << (blockLast - K * kWide)) - 1) & ~((1u << (blockFirst - K * kWide)) - 1);
+    if (shaped) blocks &= Shapes(p, K * kWide);
+    for (; blocks != 0; blocks &= blocks - 1) {
+      const int32_t k = K * kWide + __builtin_ctz(blocks);
       if (!Open(fai, p, Near(p.a, k), Near(p.c, k), *need)) continue;
       const int32_t from = std::max(first, k * kBlock), to = std::min(last, k * kBlock + kBlock - 1);
-      for (int32_t j = 0; j <= to - from; ++j) {
-        const int32_t b = kForward ? from + j : to - j;
+      for (int32_t b = from; b <= to; ++b) {
         const int64_t score = p.base + p.ra[b] + p.rc[b];
         if (score < *need || (fai && !FaiSides(p.ac, p.ra[b], p.rc[b]))) continue;
-        if (!kForward) return b;
-        *need = score + 1;
+        const Found candidate{score, p.a, b, p.c};
+        if (candidate.Beats(*found)) *found = candidate;
+        *need = score;
       }
     }
   }
-  return -1;
 }
 
-int64_t TriangleSearch::BestScore(bool fai) {
+template <typename GapEntry>
+void TriangleSearch<GapEntry>::SearchPart(bool fai, int32_t candidates, int32_t part, std::atomic<int64_t>* shared,
+                                Found* found) const {
+  int64_t need = rules::kTriangleStart + 1;  // scores below 0 are never kept
+  for (int32_t i = part; i < candidates; i += 2) {
+    need = std::max(need, shared->load(std::memory_order_relaxed));
+    const int32_t slot = order_[static_cast<size_t>(i)];
+    const int32_t A = slot / blocks_, C = slot % blocks_;
+    if (Bound(fai, A, C) < need) break;
+    // The large blocks no pair of this block pair can open, ruled out once.
+    uint64_t open = ~uint64_t{0};
+    if (wideBlocks_ <= 64) {
+      const BlockPair& pair = Pair(A, C);
+      open = 0;
+      for (int32_t K = 0; K < wideBlocks_; ++K) {
+        if (Reaches(fai, pair.side, pair.gapMin, WideInto(A, K), WideInto(C, K), need)) open |= uint64_t{1} << K;
+      }
+    }
+    for (int32_t a = A * kBlock; a < std::min(n_, (A + 1) * kBlock); ++a) {
+      for (int32_t c = std::max(C * kBlock, a + 2); c < std::min(n_, (C + 1) * kBlock); ++c) {
+        Corners p;
+        if (MakeCorners(fai, a, c, need, &p)) Scan(fai, p, open, &need, found);
+      }
+    }
+    // What one half finds prunes the other; the scores only ever rise.
+    int64_t known = shared->load(std::memory_order_relaxed);
+    while (known < need && !shared->compare_exchange_weak(known, need, std::memory_order_relaxed)) {
+    }
+  }
+}
+
+template <typename GapEntry>
+typename TriangleSearch<GapEntry>::Found TriangleSearch<GapEntry>::Best(bool fai) {
   int32_t candidates = 0;
   for (int32_t A = 0; A < blocks_; ++A) {
     for (int32_t C = A; C < blocks_; ++C) {
@@ -914,40 +1369,87 @@ int64_t TriangleSearch::BestScore(bool fai) {
   // Most promising block pairs first, so that the bound soon prunes the rest.
   auto bound = [this, fai](int32_t slot) { return Bound(fai, slot / blocks_, slot % blocks_); };
   std::sort(order_.get(), order_.get() + candidates, [&bound](int32_t x, int32_t y) { return bound(x) > bound(y); });
-  int64_t need = rules::kTriangleStart + 1;  // scores below 0 are never kept
-  for (int32_t i = 0; i < candidates; ++i) {
-    const int32_t slot = order_[static_cast<size_t>(i)];
-    if (bound(slot) < need) break;
-    const int32_t A = slot / blocks_, C = slot % blocks_;
-    for (int32_t a = A * kBlock; a < std::min(n_, (A + 1) * kBlock); ++a) {
-      for (int32_t c = std::max(C * kBlock, a + 2); c < std::min(n_, (C + 1) * kBlock); ++c) {
-        Corners p;
-        if (MakeCorners(fai, a, c, need, &p)) Scan<true>(fai, p, &need);
-      }
-    }
-  }
-  return need - 1;
+  std::atomic<int64_t> shared{rules::kTriangleStart + 1};
+  Found halves[2];
+  RunInParallel([&] { SearchPart(fai, candidates, 0, &shared, &halves[0]); },
+                [&] { SearchPart(fai, candidates, 1, &shared, &halves[1]); });
+  return halves[1].Beats(halves[0]) ? halves[1] : halves[0];
 }
 
-void TriangleSearch::FindLast(bool fai, int64_t score, int32_t* corners) const {
-  for (int32_t a = n_ - 3; a >= 0; --a) {
-    const int32_t A = a / kBlock;
-    for (int32_t C = (n_ - 1) / kBlock; C >= A; --C) {
-      if (Bound(fai, A, C) < score) continue;
-      for (int32_t c = std::min(n_ - 1, C * kBlock + kBlock - 1); c >= std::max(C * kBlock, a + 2); --c) {
-        Corners p;
-        int64_t need = score;
-        if (!MakeCorners(fai, a, c, need, &p)) continue;
-        const int32_t b = Scan<false>(fai, p, &need);
-        if (b >= 0) {
-          corners[0] = a;
-          corners[1] = b;
-          corners[2] = c;
-          return;
-        }
+// The search on closing tables of either width; `closing` gives the
+// closing pair of the corners a and c as s * 65536 + e.
+// The best flat and FAI triangles of a prepared search.
+template <typename GapEntry, typename ClosingPair>
+void FindTriangles(TriangleSearch<GapEntry>* search, ClosingPair&& closing, SampledTriangles* result) {
+  *result = SampledTriangles{};
+  result->lFlatScore = rules::kTriangleStart;
+  result->lFaiScore = rules::kTriangleStart;
+  for (bool fai : {false, true}) {
+    const typename TriangleSearch<GapEntry>::Found best = search->Best(fai);
+    (fai ? result->lFaiScore : result->lFlatScore) = best.score;
+    if (best.score < 0) continue;
+    const uint32_t ends = closing(best.a, best.c);
+    int32_t* out = fai ? result->anFai : result->anFlat;
+    out[0] = static_cast<int32_t>(ends >> 16);
+    out[1] = best.a;
+    out[2] = best.b;
+    out[3] = best.c;
+    out[4] = static_cast<int32_t>(ends & 0xFFFFu);
+  }
+}
+
+// Row a of the closing gaps alone, held to 16 bits (only those below 800 m
+// count): a quarter of the memory of both tables, written as the full fill
+// writes them, once row a of the distances and row a - 1 of the gaps are
+// there.
+void FillClosingGapsRow(const uint32_t* distance, int32_t count, int32_t a, uint16_t* gap) {
+  if (a >= count - 1) return;
+  const int32_t last = count - 1;
+  const uint32_t* row = distance + static_cast<size_t>(a) * static_cast<size_t>(count);
+  uint16_t* here = gap + ClosingRowStart(count, a) - static_cast<size_t>(a);
+  const uint16_t* above = a > 0 ? gap + ClosingRowStart(count, a - 1) - static_cast<size_t>(a - 1) : nullptr;
+  // The row's own running minimum from the end, then the row above's,
+  // eight at a time.
+  uint32_t own = row[last];
+  uint16_t held = static_cast<uint16_t>(std::min<uint32_t>(own, 0xFFFFu));
+  for (int32_t c = last; c > a; --c) {
+    if (row[c] < own) {  // rarely, once the minimum is low
+      own = row[c];
+      held = static_cast<uint16_t>(std::min<uint32_t>(own, 0xFFFFu));
+    }
+    here[c] = held;
+  }
+  if (above == nullptr) return;
+  int32_t c = a + 1;
+#if defined(__SSE2__)
+  for (; c + 7 <= last; c += 8) {
+    const __m128i x = _mm_loadu_si128(reinterpret_cast<const __m128i*>(here + c));
+    const __m128i y = _mm_loadu_si128(reinterpret_cast<const __m128i*>(above + c));
+    // x - (x - y, held at 0) is the smaller of the two.
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(here + c), _mm_sub_epi16(x, _mm_subs_epu16(x, y)));
+  }
+#endif
+  for (; c <= last; ++c) here[c] = std::min(here[c], above[c]);
+}
+
+// The pair the closing tables would hold for corners a and c: the closest
+// s <= a and e >= c, on ties the greatest s and then the greatest e.
+uint32_t ClosingPairOf(const uint32_t* distance, int32_t count, int32_t a, int32_t c) {
+  const size_t n = static_cast<size_t>(count);
+  uint32_t best = std::numeric_limits<uint32_t>::max();
+  uint32_t pair = 0;
+  bool found = false;
+  for (int32_t s = a; s >= 0; --s) {
+    const uint32_t* row = distance + static_cast<size_t>(s) * n;
+    for (int32_t e = count - 1; e >= c; --e) {
+      if (!found || row[e] < best) {
+        found = true;
+        best = row[e];
+        pair = static_cast<uint32_t>(s) * 65536u + static_cast<uint32_t>(e);
       }
     }
   }
+  return pair;
 }
 
 }  // namespace
@@ -958,23 +1460,13 @@ int32_t FindSampledTriangles(const uint32_t* distance, int32_t count, const uint
   result->lFlatScore = rules::kTriangleStart;
   result->lFaiScore = rules::kTriangleStart;
   if (count < 3) return 0;
-  TriangleSearch search(distance, count, gap);
+  TriangleSearch<uint32_t> search(distance, count, gap);
   if (!search.ok()) return -1;
   search.Prepare();
-  for (bool fai : {false, true}) {
-    const int64_t best = search.BestScore(fai);
-    (fai ? result->lFaiScore : result->lFlatScore) = best;
-    if (best < 0) continue;
-    int32_t corners[3] = {};
-    search.FindLast(fai, best, corners);
-    const uint32_t closing = pair[ClosingRowStart(count, corners[0]) + static_cast<size_t>(corners[2] - corners[0])];
-    int32_t* out = fai ? result->anFai : result->anFlat;
-    out[0] = static_cast<int32_t>(closing >> 16);
-    out[1] = corners[0];
-    out[2] = corners[1];
-    out[3] = corners[2];
-    out[4] = static_cast<int32_t>(closing & 0xFFFFu);
-  }
+  FindTriangles(
+      &search,
+      [pair, count](int32_t a, int32_t c) { return pair[ClosingRowStart(count, a) + static_cast<size_t>(c - a)]; },
+      result);
   return 0;
 }
 
@@ -1197,39 +1689,141 @@ struct Partners {
   Table<int32_t> fromPoint;
 };
 
-void FillDistanceTable(const double* east, const double* north, int32_t n, uint32_t* distance, Partners* partners) {
+uint32_t RoundedPlanarMetres(double metres) { return metres < 4294967296.0 ? static_cast<uint32_t>(metres) : kFarAway; }
+
+// Row a measures the points after a and writes each distance into the row
+// of that point too: (x - y) squared equals (y - x) squared, so each half of
+// the table holds exactly what the other would. The partners come along:
+// the greatest distance to a later point while the row is made, the
+// greatest from an earlier point as the earlier rows reach it.
+template <typename RowDone>
+void FillDistanceTable(const double* east, const double* north, int32_t n, uint32_t* distance, Partners* partners,
+                       RowDone&& rowDone) {
+  const size_t width = static_cast<size_t>(n);
+  for (int32_t b = 0; b < n; ++b) {
+    partners->fromDistance[b] = 0;
+    partners->fromPoint[b] = b - 1;
+  }
+  double metres[2];
   for (int32_t a = 0; a < n; ++a) {
-    uint32_t* row = distance + static_cast<size_t>(a) * static_cast<size_t>(n);
-    // (x - y) squared equals (y - x) squared, so each half of the table
-    // holds exactly what the other would.
-    for (int32_t b = 0; b < n; ++b) {
-      const double dx = east[a] - east[b], dy = north[a] - north[b];
-      const double metres = std::sqrt(dx * dx + dy * dy) + 0.5;
-      row[b] = metres < 4294967296.0 ? static_cast<uint32_t>(metres) : kFarAway;
-    }
-    uint32_t to = 0, from = 0;
-    int32_t toPoint = a + 1, fromPoint = a - 1;
-    for (int32_t b = a + 1; b < n; ++b) {
-      if (row[b] > to) {
-        to = row[b];
+    uint32_t* row = distance + static_cast<size_t>(a) * width;
+    row[a] = 0;
+    uint32_t to = 0;
+    int32_t toPoint = a + 1;
+    auto store = [&](int32_t b, uint32_t value) {
+      row[b] = value;
+      distance[static_cast<size_t>(b) * width + static_cast<size_t>(a)] = value;
+      if (value > to) {
+        to = value;
         toPoint = b;
       }
-    }
-    for (int32_t b = 0; b < a; ++b) {
-      if (row[b] > from) {
-        from = row[b];
-        fromPoint = b;
+      if (value > partners->fromDistance[b]) {
+        partners->fromDistance[b] = value;
+        partners->fromPoint[b] = a;
       }
+    };
+    int32_t b = a + 1;
+#if defined(__SSE2__)
+    // Two distances at a time, each rounded exactly as one at a time.
+    const __m128d eastA = _mm_set1_pd(east[a]), northA = _mm_set1_pd(north[a]), half = _mm_set1_pd(0.5);
+    for (; b + 1 < n; b += 2) {
+      const __m128d dx = _mm_sub_pd(eastA, _mm_loadu_pd(east + b));
+      const __m128d dy = _mm_sub_pd(northA, _mm_loadu_pd(north + b));
+      _mm_storeu_pd(metres, _mm_add_pd(_mm_sqrt_pd(_mm_add_pd(_mm_mul_pd(dx, dx), _mm_mul_pd(dy, dy))), half));
+      store(b, RoundedPlanarMetres(metres[0]));
+      store(b + 1, RoundedPlanarMetres(metres[1]));
+    }
+#endif
+    for (; b < n; ++b) {
+      const double dx = east[a] - east[b], dy = north[a] - north[b];
+      store(b, RoundedPlanarMetres(std::sqrt(dx * dx + dy * dy) + 0.5));
     }
     partners->toDistance[a] = to;
     partners->toPoint[a] = toPoint;
-    partners->fromDistance[a] = from;
-    partners->fromPoint[a] = fromPoint;
+    rowDone(a);  // the rows before have filled in the rest of this one
   }
+}
+
+// The last i from `from` to `to` with the greatest x[i] + y[i], and that sum
+// in `sum`; -1 for an empty range. The sums must stay below 2^32.
+int32_t LastGreatestSum(const uint32_t* x, const uint32_t* y, int32_t from, int32_t to, int64_t* sum) {
+  if (from > to) return -1;
+  uint32_t best = 0;
+  int32_t i = from;
+#if defined(__SSE2__)
+  // Unsigned order is signed order with the top bit flipped.
+  const __m128i flip = _mm_set1_epi32(INT32_MIN);
+  __m128i most = flip;
+  for (; i + 3 <= to; i += 4) {
+    const __m128i s = _mm_xor_si128(_mm_add_epi32(_mm_loadu_si128(reinterpret_cast<const __m128i*>(x + i)),
+                                                  _mm_loadu_si128(reinterpret_cast<const __m128i*>(y + i))),
+                                    flip);
+    const __m128i greater = _mm_cmpgt_epi32(s, most);
+    most = _mm_or_si128(_mm_and_si128(greater, s), _mm_andnot_si128(greater, most));
+  }
+  uint32_t lanes[4];
+  _mm_storeu_si128(reinterpret_cast<__m128i*>(lanes), _mm_xor_si128(most, flip));
+  for (uint32_t lane : lanes) best = std::max(best, lane);
+#endif
+  for (; i <= to; ++i) best = std::max(best, x[i] + y[i]);
+  *sum = best;
+  int32_t j = to;
+#if defined(__SSE2__)
+  const __m128i wanted = _mm_set1_epi32(static_cast<int32_t>(best));
+  for (; j - 3 >= from; j -= 4) {
+    const __m128i s = _mm_add_epi32(_mm_loadu_si128(reinterpret_cast<const __m128i*>(x + j - 3)),
+                                    _mm_loadu_si128(reinterpret_cast<const __m128i*>(y + j - 3)));
+    const int mask = _mm_movemask_ps(_mm_castsi128_ps(_mm_cmpeq_epi32(s, wanted)));
+    for (int lane = 3; lane >= 0; --lane) {
+      if ((mask >> lane & 1) != 0) return j - 3 + lane;
+    }
+  }
+#endif
+  for (; j >= from; --j) {
+    if (x[j] + y[j] == best) return j;
+  }
+  return -1;
 }
 
 // Open distance, 3, 4 and 5 points on the sampled points, ties to the last
 // candidate examined. Writes sampled indices.
+// The 4- and 5-point searches of FindSampledDistances over 32-bit sums.
+void FindSampledDistancesBySums(const uint32_t* distance, int32_t n, const Partners& p, int32_t* four,
+                                int32_t* five) {
+  const size_t width = static_cast<size_t>(n);
+  const uint32_t* to = p.toDistance.get();
+  const uint32_t* from = p.fromDistance.get();
+  int64_t best = -1;
+  for (int32_t t1 = 1; t1 + 2 < n; ++t1) {
+    const uint32_t* row = distance + static_cast<size_t>(t1) * width;
+    int64_t rowBest = -1;
+    const int32_t rowPoint = LastGreatestSum(row, to, t1 + 1, n - 2, &rowBest);
+    const int64_t into = from[t1];
+    if (rowPoint >= 0 && into + rowBest >= best) {
+      best = into + rowBest;
+      four[0] = p.fromPoint[t1];
+      four[1] = t1;
+      four[2] = rowPoint;
+      four[3] = p.toPoint[rowPoint];
+    }
+  }
+  best = -1;
+  for (int32_t t2 = 2; t2 + 2 < n; ++t2) {
+    const uint32_t* row = distance + static_cast<size_t>(t2) * width;
+    int64_t before = -1, after = -1;
+    const int32_t t1 = LastGreatestSum(from, row, 1, t2 - 1, &before);
+    const int32_t t3 = LastGreatestSum(row, to, t2 + 1, n - 2, &after);
+    if (before + after >= best) {
+      best = before + after;
+      five[0] = p.fromPoint[t1];
+      five[1] = t1;
+      five[2] = t2;
+      five[3] = t3;
+      five[4] = p.toPoint[t3];
+    }
+  }
+}
+
 void FindSampledDistances(const uint32_t* distance, int32_t n, const Partners& p, int32_t* open, int32_t* three,
                           int32_t* four, int32_t* five) {
   const size_t width = static_cast<size_t>(n);
@@ -1253,6 +1847,14 @@ void FindSampledDistances(const uint32_t* distance, int32_t n, const Partners& p
       three[1] = t;
       three[2] = p.toPoint[t];
     }
+  }
+  // Below 2^31 metres every sum of two distances has 32 bits: both searches
+  // below then take the greatest sums four at a time.
+  uint32_t longest = 0;
+  for (int32_t a = 0; a < n; ++a) longest = std::max(longest, p.toDistance[a]);
+  if (longest < 0x80000000u) {
+    FindSampledDistancesBySums(distance, n, p, four, five);
+    return;
   }
   best = -1;
   for (int32_t t1 = 1; t1 + 2 < n; ++t1) {
@@ -1306,13 +1908,33 @@ void FindSampledDistances(const uint32_t* distance, int32_t n, const Partners& p
 
 // Greatest 2 d(a, b) - d(a, c) over a < b < c with d(a, c) below the gap; for
 // each pair the best b is the last greatest d(a, b) so far along the row.
+// The last c from `from` on with row[c] below the closing gap, or -1.
+int32_t LastClosing(const uint32_t* row, int32_t from, int32_t n) {
+  int32_t c = n - 1;
+#if defined(__SSE2__)
+  // Unsigned order is signed order with the top bit flipped.
+  const __m128i flip = _mm_set1_epi32(INT32_MIN);
+  const __m128i limit = _mm_set1_epi32(static_cast<int32_t>(rules::kClosingGap ^ 0x80000000u));
+  for (; c - 3 >= from; c -= 4) {
+    const __m128i v = _mm_xor_si128(_mm_loadu_si128(reinterpret_cast<const __m128i*>(row + c - 3)), flip);
+    if (_mm_movemask_ps(_mm_castsi128_ps(_mm_cmplt_epi32(v, limit))) != 0) break;
+  }
+#endif
+  for (; c >= from; --c) {
+    if (row[c] < rules::kClosingGap) return c;
+  }
+  return -1;
+}
+
 bool FindSampledOutAndReturn(const uint32_t* distance, int32_t n, int32_t* corners) {
   int64_t best = rules::kOutAndReturnStart;
   for (int32_t a = 0; a + 2 < n; ++a) {
     const uint32_t* row = distance + static_cast<size_t>(a) * static_cast<size_t>(n);
     int64_t out = -1;
     int32_t turn = -1;
-    for (int32_t c = a + 2; c < n; ++c) {
+    // Only ends that close count; a row without one has nothing to give.
+    const int32_t end = LastClosing(row, a + 2, n);
+    for (int32_t c = a + 2; c <= end; ++c) {
       if (row[c - 1] >= out) {
         out = row[c - 1];
         turn = c - 1;
@@ -1332,21 +1954,75 @@ bool FindSampledOutAndReturn(const uint32_t* distance, int32_t n, int32_t* corne
 
 }  // namespace
 
+void AnalyzeStatistics(FlightAnalysis* record) {
+  if (record->pPoints == nullptr || record->nPoints < 1) return;
+  Statistics statistics(record->pPoints, record->nPoints);
+  if (statistics.ok()) {
+    statistics.Fill(record);
+  } else {
+    FillStatistics(record);
+  }
+}
+
+int32_t SearchSampledDistances(const FlightAnalysis* record, SampledDistances* found) {
+  *found = SampledDistances{};
+  const TrackPoint* points = record->pPoints;
+  const int32_t count = record->nPoints;
+  if (points == nullptr || count < 2) return 0;
+  int32_t westArc = points[0].lLongitude, eastArc = points[0].lLongitude;
+  for (int32_t i = 1; i < count; ++i) {
+    westArc = std::min(westArc, points[i].lLongitude);
+    eastArc = std::max(eastArc, points[i].lLongitude);
+  }
+  double lat, westRadians, eastRadians;
+  ConvertArcToGeoPos(0, westArc, &lat, &westRadians);
+  ConvertArcToGeoPos(0, eastArc, &lat, &eastRadians);
+  const double centralMeridian = (westRadians + eastRadians) / 2.0;
+  const int32_t limit = std::min(count, rules::kSampleLimit);
+  Table<int32_t> sample(static_cast<size_t>(limit));
+  Table<double> east(static_cast<size_t>(limit)), north(static_cast<size_t>(limit));
+  Table<uint32_t> distance(static_cast<size_t>(limit) * static_cast<size_t>(limit));
+  Partners partners(limit);
+  if (!sample.ok() || !east.ok() || !north.ok() || !distance.ok() || !partners.ok()) return -1;
+  const int32_t n = SamplePoints(count, sample.get());
+  for (int32_t k = 0; k < n; ++k) {
+    const MapPos map = ConvertGeoToMapPos(Geo(points[sample[k]]), centralMeridian);
+    east[k] = map.x;
+    north[k] = map.y;
+  }
+  FillDistanceTable(east.get(), north.get(), n, distance.get(), &partners, [](int32_t) {});
+  FindSampledDistances(distance.get(), n, partners, found->anOpen, found->anThree, found->anFour, found->anFive);
+  found->bOutAndReturn = FindSampledOutAndReturn(distance.get(), n, found->anOutAndReturn) ? 1 : 0;
+  auto toFull = [&sample](int32_t* index, int32_t size) {
+    for (int32_t m = 0; m < size; ++m) index[m] = sample[index[m]];
+  };
+  toFull(found->anOpen, 2);
+  toFull(found->anThree, 3);
+  toFull(found->anFour, 4);
+  toFull(found->anFive, 5);
+  if (found->bOutAndReturn != 0) toFull(found->anOutAndReturn, 3);
+  return 0;
+}
+
 int32_t AnalyzeTrack(FlightAnalysis* record) {
   std::printf("Computing statistics\n");
   ClearResults(record);
   const TrackPoint* points = record->pPoints;
   const int32_t count = record->nPoints;
   if (points == nullptr || count < 1) return 0;
-  {
-    StepCache cache(points, count);
-    if (cache.ok()) {
-      FillStatistics(record, cache, &cache);
+  // Every table is taken here, before any work is shared with a thread.
+  Statistics statistics(points, count);
+  auto fillStatistics = [&statistics, record] {
+    if (statistics.ok()) {
+      statistics.Fill(record);
     } else {
-      FillStatistics(record, DirectSteps(points), nullptr);
+      FillStatistics(record);
     }
+  };
+  if (count < 2) {
+    fillStatistics();
+    return 0;
   }
-  if (count < 2) return 0;
 
   int32_t westArc = points[0].lLongitude, eastArc = points[0].lLongitude;
   for (int32_t i = 1; i < count; ++i) {
@@ -1362,51 +2038,112 @@ int32_t AnalyzeTrack(FlightAnalysis* record) {
   Table<int32_t> sample(static_cast<size_t>(limit));
   Table<double> east(static_cast<size_t>(limit)), north(static_cast<size_t>(limit));
   Table<uint32_t> distance(static_cast<size_t>(limit) * static_cast<size_t>(limit));
-  Table<uint32_t> gap(ClosingTableSize(limit));
-  Table<uint32_t> pair(ClosingTableSize(limit));
+  Table<uint16_t> gap(ClosingTableSize(limit));
   Partners partners(limit);
-  if (!sample.ok() || !east.ok() || !north.ok() || !distance.ok() || !gap.ok() || !pair.ok() || !partners.ok()) {
+  if (!sample.ok() || !east.ok() || !north.ok() || !distance.ok() || !gap.ok() || !partners.ok()) {
+    fillStatistics();
     std::printf("Memory allocation error\n");
     return -1;
   }
   const int32_t n = SamplePoints(count, sample.get());
-  for (int32_t k = 0; k < n; ++k) {
-    const MapPos map = ConvertGeoToMapPos(Geo(points[sample[k]]), centralMeridian);
-    east[k] = map.x;
-    north[k] = map.y;
-  }
-  FillDistanceTable(east.get(), north.get(), n, distance.get(), &partners);
+  std::optional<TriangleSearch<uint16_t>> search;
+  if (n >= 3) search.emplace(distance.get(), n, gap.get());
+  const bool searchable = !search || search->ok();
 
-  int32_t open[2] = {}, three[3] = {}, four[4] = {}, five[5] = {};
-  FindSampledDistances(distance.get(), n, partners, open, three, four, five);
+  // The statistics beside the sampled distances, then the distance results
+  // beside the preparation of the triangle search; each writes only its own
+  // results. Each row of distances, once complete, gives its closing gaps
+  // and its spans for the triangle search, in row order. When the statistics
+  // of a long track take longer than the table, the table's thread does
+  // that for each row while it is at hand; otherwise the statistics' thread
+  // follows the table row by row once it is done, until the table is, and
+  // the rest comes beside the distance results.
+  const bool rowsAlong = count > 4 * rules::kSampleLimit;
+  const bool preparing = search && searchable;
+  auto prepareRow = [&](int32_t a) {
+    FillClosingGapsRow(distance.get(), n, a, gap.get());
+    search->PrepareRow(a);
+  };
+  std::atomic<int32_t> rowsMade{0};  // rows of the table complete
+  std::atomic<bool> tableMade{false};
+  int32_t rowsPrepared = 0;
+  RunInParallel(
+      [&] {
+        for (int32_t k = 0; k < n; ++k) {
+          const MapPos map = ConvertGeoToMapPos(Geo(points[sample[k]]), centralMeridian);
+          east[k] = map.x;
+          north[k] = map.y;
+        }
+        FillDistanceTable(east.get(), north.get(), n, distance.get(), &partners, [&](int32_t a) {
+          if (preparing && rowsAlong) prepareRow(a);
+          rowsMade.store(a + 1, std::memory_order_release);
+        });
+        tableMade.store(true, std::memory_order_release);
+      },
+      [&] {
+        fillStatistics();
+        if (!preparing) return;
+        if (rowsAlong) {
+          rowsPrepared = n;
+          return;
+        }
+        // A row is complete once the table's thread has gone past it: its
+        // own part is written then and the earlier rows wrote the rest.
+        while (rowsPrepared < n && !tableMade.load(std::memory_order_acquire)) {
+          if (rowsPrepared < rowsMade.load(std::memory_order_acquire)) {
+            prepareRow(rowsPrepared++);
+          } else {
+            std::this_thread::yield();
+          }
+        }
+      });
+
   auto toFull = [&sample](int32_t* index, int32_t size) {
     for (int32_t m = 0; m < size; ++m) index[m] = sample[index[m]];
   };
-  toFull(open, 2);
-  toFull(three, 3);
-  toFull(four, 4);
-  toFull(five, 5);
-  CheckTp0Distance(record, &open[0], &open[1]);
-  CheckTp1Distance(record, &three[0], &three[1], &three[2]);
-  CheckTp2Distance(record, &four[0], &four[1], &four[2], &four[3]);
-  CheckTp3Distance(record, &five[0], &five[1], &five[2], &five[3], &five[4]);
-  StoreLegs(record, open, &record->tOpenDistance);
-  StoreLegs(record, three, &record->tThreePoint);
-  StoreLegs(record, four, &record->tFourPoint);
-  StoreLegs(record, five, &record->tFivePoint);
-
-  std::printf("Finding greatest out-and-return (gap = %um)\n", rules::kClosingGap);
   int32_t outAndReturn[3];
-  if (FindSampledOutAndReturn(distance.get(), n, outAndReturn)) {
-    toFull(outAndReturn, 3);
-    CheckOutAndReturn(record, &outAndReturn[0], &outAndReturn[1], &outAndReturn[2]);
-    StoreOutAndReturn(record, outAndReturn, &record->tOutAndReturn);
+  bool returned = false;
+  SampledTriangles triangles{};
+  triangles.lFlatScore = rules::kTriangleStart;
+  triangles.lFaiScore = rules::kTriangleStart;
+  RunInParallel(
+      [&] {
+        int32_t open[2] = {}, three[3] = {}, four[4] = {}, five[5] = {};
+        FindSampledDistances(distance.get(), n, partners, open, three, four, five);
+        toFull(open, 2);
+        toFull(three, 3);
+        toFull(four, 4);
+        toFull(five, 5);
+        CheckTp0Distance(record, &open[0], &open[1]);
+        CheckTp1Distance(record, &three[0], &three[1], &three[2]);
+        CheckTp2Distance(record, &four[0], &four[1], &four[2], &four[3]);
+        CheckTp3Distance(record, &five[0], &five[1], &five[2], &five[3], &five[4]);
+        StoreLegs(record, open, &record->tOpenDistance);
+        StoreLegs(record, three, &record->tThreePoint);
+        StoreLegs(record, four, &record->tFourPoint);
+        StoreLegs(record, five, &record->tFivePoint);
+        returned = FindSampledOutAndReturn(distance.get(), n, outAndReturn);
+        if (returned) {
+          toFull(outAndReturn, 3);
+          CheckOutAndReturn(record, &outAndReturn[0], &outAndReturn[1], &outAndReturn[2]);
+          StoreOutAndReturn(record, outAndReturn, &record->tOutAndReturn);
+        }
+      },
+      [&] {
+        if (!preparing) return;
+        for (int32_t a = rowsPrepared; a < n; ++a) prepareRow(a);
+        search->PrepareBlocks();
+      });
+  // The triangle search shares itself between both cores.
+  if (search && searchable) {
+    const uint32_t* table = distance.get();
+    FindTriangles(
+        &*search, [table, n](int32_t a, int32_t c) { return ClosingPairOf(table, n, a, c); }, &triangles);
   }
 
+  std::printf("Finding greatest out-and-return (gap = %um)\n", rules::kClosingGap);
   std::printf("Finding greatest triangles (gap = %um)\n", rules::kClosingGap);
-  FillClosingTables(distance.get(), n, gap.get(), pair.get());
-  SampledTriangles triangles;
-  if (FindSampledTriangles(distance.get(), n, gap.get(), pair.get(), &triangles) < 0) {
+  if (!searchable) {
     std::printf("Memory allocation error\n");
     ClearResults(record);
     return -1;

@@ -115,6 +115,23 @@ int32_t AnalyzeTrack(FlightAnalysis* record);
 void CalculateTopSpeed(const TrackPoint* points, int32_t index, double* speed);
 void CalculateMeanSpeed(const TrackPoint* points, int32_t index, double* speed, double* climb);
 
+// The stages of AnalyzeTrack on their own, so that each can be measured:
+// the statistics alone (every field from dwStartTime to dBestClimb), and the
+// planar search on sampled points for the open, 3-, 4- and 5-point distances
+// and the out-and-return, before refinement. Indices are into the full
+// track; bOutAndReturn is 0 when no out-and-return closes. -1 when memory
+// runs out.
+void AnalyzeStatistics(FlightAnalysis* record);
+struct SampledDistances {
+  int32_t anOpen[2];
+  int32_t anThree[3];
+  int32_t anFour[4];
+  int32_t anFive[5];
+  int32_t anOutAndReturn[3];
+  int32_t bOutAndReturn;
+};
+int32_t SearchSampledDistances(const FlightAnalysis* record, SampledDistances* found);
+
 // Local refinements on the full track (indices in and out).
 void CheckTp0Distance(const FlightAnalysis* record, int32_t* start, int32_t* end);
 void CheckTp1Distance(const FlightAnalysis* record, int32_t* start, int32_t* tp, int32_t* end);
@@ -128,8 +145,9 @@ void CheckFaiTriangle(const FlightAnalysis* record, int32_t* start, int32_t* tp1
                       int32_t* end);
 
 // ---------------------------------------------------------------------------
-// The triangle search on sampled points, as AnalyzeTrack runs it; public so
-// that it can be checked and measured on its own.
+// The triangle search on sampled points, as AnalyzeTrack runs it (there on
+// closing gaps held in 16 bits, the closing pair found for the winners
+// only); public so that it can be checked and measured on its own.
 
 // `distance` is the N x N symmetric table of rounded planar metres. The two
 // closing tables are upper triangular (row a holds c = a .. N-1, starting at

@@ -1952,6 +1952,28 @@ bool FindSampledOutAndReturn(const uint32_t* distance, int32_t n, int32_t* corne
   return best >= 0;
 }
 
+// The middle of the track's west-east extent: the map projection's meridian.
+double CentralMeridian(const TrackPoint* points, int32_t count) {
+  int32_t westArc = points[0].lLongitude, eastArc = points[0].lLongitude;
+  for (int32_t i = 1; i < count; ++i) {
+    westArc = std::min(westArc, points[i].lLongitude);
+    eastArc = std::max(eastArc, points[i].lLongitude);
+  }
+  double lat, westRadians, eastRadians;
+  ConvertArcToGeoPos(0, westArc, &lat, &westRadians);
+  ConvertArcToGeoPos(0, eastArc, &lat, &eastRadians);
+  return (westRadians + eastRadians) / 2.0;
+}
+
+void ProjectSample(const TrackPoint* points, const int32_t* sample, int32_t n, double centralMeridian,
+                   double* east, double* north) {
+  for (int32_t k = 0; k < n; ++k) {
+    const MapPos map = ConvertGeoToMapPos(Geo(points[sample[k]]), centralMeridian);
+    east[k] = map.x;
+    north[k] = map.y;
+  }
+}
+
 }  // namespace
 
 void AnalyzeStatistics(FlightAnalysis* record) {
@@ -1969,15 +1991,7 @@ int32_t SearchSampledDistances(const FlightAnalysis* record, SampledDistances* f
   const TrackPoint* points = record->pPoints;
   const int32_t count = record->nPoints;
   if (points == nullptr || count < 2) return 0;
-  int32_t westArc = points[0].lLongitude, eastArc = points[0].lLongitude;
-  for (int32_t i = 1; i < count; ++i) {
-    westArc = std::min(westArc, points[i].lLongitude);
-    eastArc = std::max(eastArc, points[i].lLongitude);
-  }
-  double lat, westRadians, eastRadians;
-  ConvertArcToGeoPos(0, westArc, &lat, &westRadians);
-  ConvertArcToGeoPos(0, eastArc, &lat, &eastRadians);
-  const double centralMeridian = (westRadians + eastRadians) / 2.0;
+  const double centralMeridian = CentralMeridian(points, count);
   const int32_t limit = std::min(count, rules::kSampleLimit);
   Table<int32_t> sample(static_cast<size_t>(limit));
   Table<double> east(static_cast<size_t>(limit)), north(static_cast<size_t>(limit));
@@ -1985,11 +1999,7 @@ int32_t SearchSampledDistances(const FlightAnalysis* record, SampledDistances* f
   Partners partners(limit);
   if (!sample.ok() || !east.ok() || !north.ok() || !distance.ok() || !partners.ok()) return -1;
   const int32_t n = SamplePoints(count, sample.get());
-  for (int32_t k = 0; k < n; ++k) {
-    const MapPos map = ConvertGeoToMapPos(Geo(points[sample[k]]), centralMeridian);
-    east[k] = map.x;
-    north[k] = map.y;
-  }
+  ProjectSample(points, sample.get(), n, centralMeridian, east.get(), north.get());
   FillDistanceTable(east.get(), north.get(), n, distance.get(), &partners, [](int32_t) {});
   FindSampledDistances(distance.get(), n, partners, found->anOpen, found->anThree, found->anFour, found->anFive);
   found->bOutAndReturn = FindSampledOutAndReturn(distance.get(), n, found->anOutAndReturn) ? 1 : 0;
@@ -2024,15 +2034,7 @@ int32_t AnalyzeTrack(FlightAnalysis* record) {
     return 0;
   }
 
-  int32_t westArc = points[0].lLongitude, eastArc = points[0].lLongitude;
-  for (int32_t i = 1; i < count; ++i) {
-    westArc = std::min(westArc, points[i].lLongitude);
-    eastArc = std::max(eastArc, points[i].lLongitude);
-  }
-  double lat, westRadians, eastRadians;
-  ConvertArcToGeoPos(0, westArc, &lat, &westRadians);
-  ConvertArcToGeoPos(0, eastArc, &lat, &eastRadians);
-  const double centralMeridian = (westRadians + eastRadians) / 2.0;
+  const double centralMeridian = CentralMeridian(points, count);
 
   const int32_t limit = std::min(count, rules::kSampleLimit);
   Table<int32_t> sample(static_cast<size_t>(limit));
@@ -2069,11 +2071,7 @@ int32_t AnalyzeTrack(FlightAnalysis* record) {
   int32_t rowsPrepared = 0;
   RunInParallel(
       [&] {
-        for (int32_t k = 0; k < n; ++k) {
-          const MapPos map = ConvertGeoToMapPos(Geo(points[sample[k]]), centralMeridian);
-          east[k] = map.x;
-          north[k] = map.y;
-        }
+        ProjectSample(points, sample.get(), n, centralMeridian, east.get(), north.get());
         FillDistanceTable(east.get(), north.get(), n, distance.get(), &partners, [&](int32_t a) {
           if (preparing && rowsAlong) prepareRow(a);
           rowsMade.store(a + 1, std::memory_order_release);

@@ -1,16 +1,14 @@
 #!/usr/bin/env bash
-# Builds every fuzz target, replays the saved crash inputs of each, then fuzzes
-# each target for the given number of seconds, one after the other.
+# Builds every fuzzer, replays the committed corpus and the saved crash inputs
+# of each, then fuzzes each for the given number of seconds, one after the
+# other.
 #
 #   fuzz/run.sh [seconds] [target ...]
 #
-# seconds: per target (default 15); 0 only replays the saved inputs.
-# Targets: all of fuzz/targets/*.cpp unless named.
-# Environment: FUZZ_NICE (default 19), FUZZ_BUILD_JOBS (default 2),
-# FUZZ_CXX (default clang++-14), FUZZ_FRESH=1 starts from the seeds alone
-# instead of the corpora earlier runs left in fuzz/out/corpus, FUZZ_RUNS=N
-# also ends a target after N executions (a campaign: FUZZ_RUNS=1000000
-# fuzz/run.sh 600 runs each target to a million executions or ten minutes).
+# seconds: per target (default 15); 0 only replays. Targets: all of
+# fuzz/targets.txt unless named. Environment: FUZZ_NICE (default 19),
+# FUZZ_BUILD_JOBS (default 2), FUZZ_CXX (default clang++-14), FUZZ_FRESH=1
+# forgets what earlier runs added in fuzz/out/corpus.
 set -euo pipefail
 
 root=$(cd "$(dirname "$0")/.." && pwd)
@@ -25,15 +23,8 @@ fi
 
 build=$root/build-fuzz
 fuzz_build "$build"
+fuzz_environment
 mapfile -t targets < <(fuzz_targets "$@")
-
-for symbolizer in /usr/lib/llvm-14/bin/llvm-symbolizer /usr/bin/llvm-symbolizer-14; do
-  if [ -x "$symbolizer" ]; then
-    export ASAN_SYMBOLIZER_PATH=$symbolizer
-    break
-  fi
-done
-export UBSAN_OPTIONS=${UBSAN_OPTIONS:-print_stacktrace=1}
 
 failed=()
 summary=()
@@ -45,47 +36,40 @@ for target in "${targets[@]}"; do
   fi
   log=$out/logs/$target.log
   mkdir -p "$out/logs" "$out/artifacts/$target" "$out/corpus/$target"
+  mapfile -t options < <(fuzz_options "$target")
+  known=()
+  for folder in "$root/fuzz/corpus/$target" "$root/fuzz/regressions/$target"; do
+    [ -d "$folder" ] && known+=("$folder")
+  done
 
-  # Saved crash inputs first: each must now pass.
-  regressions=()
-  if [ -d "$root/fuzz/regressions/$target" ]; then
-    mapfile -t regressions < <(find "$root/fuzz/regressions/$target" -type f ! -name '.*' | sort)
-  fi
-  if [ ${#regressions[@]} -gt 0 ]; then
-    if ! run "$binary" -close_fd_mask=1 "${regressions[@]}" >"$out/logs/$target.replay.log" 2>&1; then
-      echo "$target: a saved crash input fails again (see $out/logs/$target.replay.log)"
-      failed+=("$target (replay)")
-      continue
-    fi
-  fi
-  [ "$seconds" -eq 0 ] && {
-    summary+=("$(printf '%-18s %3d saved inputs replayed' "$target" "${#regressions[@]}")")
+  # Every input kept so far must still pass.
+  empty=$(mktemp -d)
+  if ! run "$binary" -runs=0 -close_fd_mask=1 "${options[@]}" "$empty" "${known[@]}" \
+    >"$out/logs/$target.replay.log" 2>&1; then
+    rm -rf "$empty"
+    echo "$target: a kept input fails (see $out/logs/$target.replay.log)"
+    failed+=("$target (replay)")
     continue
-  }
+  fi
+  rm -rf "$empty"
+  replayed=$(find "${known[@]}" -type f | wc -l)
+  if [ "$seconds" -eq 0 ]; then
+    summary+=("$(printf '%-18s %6d kept inputs replayed' "$target" "$replayed")")
+    continue
+  fi
 
   [ "${FUZZ_FRESH:-0}" = 1 ] && rm -rf "$out/corpus/$target" && mkdir -p "$out/corpus/$target"
-  options=(-max_total_time="$seconds" -timeout=10 -rss_limit_mb=2048 -close_fd_mask=1 -print_final_stats=1
-    -artifact_prefix="$out/artifacts/$target/")
-  [ -n "${FUZZ_RUNS:-}" ] && options+=(-runs="$FUZZ_RUNS")
-  dict=$(fuzz_setting "$target" dict)
-  [ -n "$dict" ] && options+=(-dict="$root/fuzz/dict/$dict")
-  maxlen=$(fuzz_setting "$target" max-len)
-  [ -n "$maxlen" ] && options+=(-max_len="$maxlen")
-  mapfile -t seeds < <(fuzz_seed_folders "$target")
-  corpora=("$out/corpus/$target" "${seeds[@]}")
-
-  if run "$binary" "${options[@]}" "${corpora[@]}" >"$log" 2>&1; then
+  if run "$binary" -max_total_time="$seconds" -timeout=10 -rss_limit_mb=2048 -close_fd_mask=1 \
+    -print_final_stats=1 -artifact_prefix="$out/artifacts/$target/" "${options[@]}" \
+    "$out/corpus/$target" "${known[@]}" >"$log" 2>&1; then
     status=passed
   else
     status="FAILED ($(ls -t "$out/artifacts/$target" | head -n 1))"
     failed+=("$target")
   fi
-  execs=$(sed -n 's/^stat::number_of_executed_units: *//p' "$log")
-  speed=$(sed -n 's/^stat::average_exec_per_sec: *//p' "$log")
-  coverage=$(grep -E '^#[0-9]+' "$log" | tail -n 1 | sed -n 's/.* cov: \([0-9]*\) ft: \([0-9]*\) corp: \([0-9]*\).*/\1 \2 \3/p')
-  read -r cov ft corp <<<"${coverage:-- - -}"
-  summary+=("$(printf '%-18s %10s execs %7s/s  cov %5s  ft %6s  corpus %5s  %s' \
-    "$target" "${execs:--}" "${speed:--}" "$cov" "$ft" "$corp" "$status")")
+  read -r execs speed cov ft corp <<<"$(fuzz_summary "$log")"
+  summary+=("$(printf '%-18s %6d replayed %10s execs %7s/s  cov %5s  ft %6s  corpus %5s  %s' \
+    "$target" "$replayed" "$execs" "$speed" "$cov" "$ft" "$corp" "$status")")
 done
 
 if [ ${#summary[@]} -gt 0 ]; then printf '%s\n' "${summary[@]}"; fi

@@ -251,49 +251,4 @@ ReplayResult RunSyrideReplay(const uint8_t* script, size_t size) {
   return {status, instrument.answers, instrument.model, bulk};
 }
 
-ScriptWriter::ScriptWriter(ReplayModel model, bool bulk, uint8_t flightNumber)
-    : script_{static_cast<uint8_t>(static_cast<uint8_t>(model) | (bulk ? 4 : 0)), flightNumber, 0} {}
-
-void ScriptWriter::Fault(ReplayFault fault, uint8_t at) {
-  script_[0] = static_cast<uint8_t>((script_[0] & 7) | (static_cast<uint8_t>(fault) << 3));
-  script_[2] = at;
-}
-
-void ScriptWriter::Version(uint32_t major, uint32_t minor) {
-  uint8_t answer[kVersionAnswer];
-  PutLe32(answer, major);
-  PutLe32(answer + 4, minor);
-  script_.insert(script_.end(), answer, answer + sizeof answer);
-}
-
-void ScriptWriter::Serial(uint32_t serial) {
-  uint8_t answer[kSerialAnswer] = {};
-  PutLe32(answer, serial);
-  script_.insert(script_.end(), answer, answer + sizeof answer);
-}
-
-void ScriptWriter::FlightCount(uint8_t count) { script_.push_back(count); }
-
-void ScriptWriter::NavEntry(uint32_t unixStart, uint16_t duration, uint8_t startHigh) {
-  uint8_t entry[kNavEntryAnswer] = {};
-  PutLe32(entry, unixStart);
-  entry[6] = startHigh;
-  entry[8] = static_cast<uint8_t>(duration);
-  entry[9] = static_cast<uint8_t>(duration >> 8);
-  script_.insert(script_.end(), entry, entry + sizeof entry);
-}
-
-void ScriptWriter::EvolutionEntry(uint32_t unixStart, uint16_t duration, uint16_t startValue, uint32_t size) {
-  uint8_t entry[kEvolutionEntryAnswer] = {};
-  PutLe32(entry, unixStart);
-  entry[6] = static_cast<uint8_t>(startValue);
-  entry[7] = static_cast<uint8_t>(startValue >> 8);
-  entry[8] = static_cast<uint8_t>(duration);
-  entry[9] = static_cast<uint8_t>(duration >> 8);
-  PutLe32(entry + 20, size);
-  script_.insert(script_.end(), entry, entry + sizeof entry);
-}
-
-void ScriptWriter::Bytes(const std::vector<uint8_t>& bytes) { script_.insert(script_.end(), bytes.begin(), bytes.end()); }
-
 }  // namespace fuzz::usb

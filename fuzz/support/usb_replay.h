@@ -64,23 +64,4 @@ struct ReplayResult {
 // device closed again. The track log and raw log are left for the caller.
 ReplayResult RunSyrideReplay(const uint8_t* script, size_t size);
 
-// Builds a script.
-class ScriptWriter {
- public:
-  ScriptWriter(ReplayModel model, bool bulk, uint8_t flightNumber);
-  void Fault(ReplayFault fault, uint8_t at);
-  void Version(uint32_t major, uint32_t minor);
-  void Serial(uint32_t serial);
-  void FlightCount(uint8_t count);
-  // SYS'Nav and V3: start value high byte; SYS'Evolution: 16-bit start value and the size.
-  void NavEntry(uint32_t unixStart, uint16_t duration, uint8_t startHigh);
-  void EvolutionEntry(uint32_t unixStart, uint16_t duration, uint16_t startValue, uint32_t size);
-  void Bytes(const std::vector<uint8_t>& bytes);
-  void Byte(uint8_t byte) { script_.push_back(byte); }
-  const std::vector<uint8_t>& script() const { return script_; }
-
- private:
-  std::vector<uint8_t> script_;
-};
-
 }  // namespace fuzz::usb

@@ -1,7 +1,5 @@
 // The command-line parser on an argument list: the input split at NUL
 // bytes, each argument an exact-size copy.
-// fuzz-dict: command_line.dict
-// fuzz-max-len: 2048
 
 #include <cstdint>
 #include <cstring>
@@ -9,8 +7,9 @@
 #include "driver/cmd.h"
 #include "core/run.h"
 #include "fuzz_support.h"
+#include "targets.h"
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+int fuzz::target::CommandLine(const uint8_t* data, size_t size) {
   fuzz::Arguments arguments(data, size, 64);
   fuzz::FreshRunParameters();
   const int result = ParseArguments(arguments.count(), arguments.get());

@@ -1,8 +1,5 @@
 // The configuration reader on "kestrix.cfg" in the current directory, with
 // the echo of the settings when the file asks for it.
-// fuzz-seeds: examples
-// fuzz-dict: config.dict
-// fuzz-max-len: 4096
 
 #include <cstdint>
 #include <cstring>
@@ -11,8 +8,9 @@
 #include "driver/config.h"
 #include "core/run.h"
 #include "fuzz_support.h"
+#include "targets.h"
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+int fuzz::target::ConfigFile(const uint8_t* data, size_t size) {
   static const std::string path = fuzz::WorkDirectory() + "/kestrix.cfg";
   fuzz::WriteWholeFile(path, data, size);
   fuzz::FreshRunParameters();

@@ -1,9 +1,6 @@
 // Block decompression of the SYS'Evolution memory, with room to spare, with
 // exactly the room the block needs and one byte less; and its chunk
 // checksum against zlib's.
-// fuzz-seeds: tests/data/fastlz/raw
-// fuzz-dict: fastlz.dict
-// fuzz-max-len: 8192
 
 #include <zlib.h>
 
@@ -12,6 +9,7 @@
 #include <memory>
 
 #include "fuzz_support.h"
+#include "targets.h"
 #include "usb/fastlz.h"
 
 namespace {
@@ -29,7 +27,7 @@ int32_t Decode(const uint8_t* data, int32_t size, int32_t capacity, std::unique_
 
 }  // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+int fuzz::target::Fastlz(const uint8_t* data, size_t size) {
   if (size > INT32_MAX) return 0;
   const auto length = static_cast<int32_t>(size);
 

@@ -3,9 +3,6 @@
 // the setup: bit 0 keeps the trailer's checksum as received (else it is made
 // right first, so that mutated blocks get walked), bits 1-2 choose the
 // serial number text. The rest is the dump, in a buffer of exactly its size.
-// fuzz-seeds: fuzz/seeds/flymaster_dump2xx
-// fuzz-dict: flymaster_binary.dict
-// fuzz-max-len: 16384
 
 #include <cstdint>
 #include <cstdio>
@@ -15,6 +12,7 @@
 
 #include "core/run.h"
 #include "fuzz_support.h"
+#include "targets.h"
 #include "igc/igc.h"
 #include "serial/flymaster.h"
 
@@ -78,7 +76,7 @@ bool Contains(const char* text, const char* part) { return std::strstr(text, par
 
 }  // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+int fuzz::target::FlymasterDump2xx(const uint8_t* data, size_t size) {
   if (size < 1) return 0;
   fuzz::FreshRunParameters();
   const uint8_t setup = data[0];

@@ -2,9 +2,6 @@
 // the track reader gives it. Byte 0 is the setup: bit 0 hands the rest over
 // as received; else it is first cut to whole blocks and eight checksum bytes
 // and the checksum is made right, so that mutated blocks get walked.
-// fuzz-seeds: fuzz/seeds/flymaster_dump_new
-// fuzz-dict: flymaster_binary.dict
-// fuzz-max-len: 16384
 
 #include <cstdint>
 #include <cstring>
@@ -12,6 +9,7 @@
 
 #include "core/run.h"
 #include "fuzz_support.h"
+#include "targets.h"
 #include "serial/flymaster.h"
 
 namespace {
@@ -61,7 +59,7 @@ bool ShortNameCharacters(const char* name) {
 
 }  // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+int fuzz::target::FlymasterDumpNew(const uint8_t* data, size_t size) {
   if (size < 1) return 0;
   fuzz::FreshRunParameters();
   tGps.dwGpsType = kGpsFlymasterNew;

@@ -1,9 +1,6 @@
 // The IGC reader over whole texts: files to convert, and the IGC text that
 // instruments send. Inputs of odd length also hand it the pilot field with
 // the marker that asks for the pilot name from the flight.
-// fuzz-seeds: tests/data/igc tests/data/syride
-// fuzz-dict: igc.dict
-// fuzz-max-len: 131072
 
 #include <cstdint>
 #include <cstdlib>
@@ -11,6 +8,7 @@
 
 #include "core/run.h"
 #include "fuzz_support.h"
+#include "targets.h"
 #include "igc/igc.h"
 
 namespace {
@@ -37,7 +35,7 @@ void CheckPoints(uint32_t lines) {
 
 }  // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+int fuzz::target::IgcBuffer(const uint8_t* data, size_t size) {
   if (size > INT32_MAX) return 0;
   fuzz::FreshRunParameters();
   const bool withPilot = size % 2 == 1;

@@ -1,12 +1,11 @@
 // The IGC date line and B record decoders on one line's text (after
 // "HFDTE" or "B"), each given an exact-size copy.
-// fuzz-dict: igc.dict
-// fuzz-max-len: 256
 
 #include <cstdint>
 #include <cstring>
 
 #include "fuzz_support.h"
+#include "targets.h"
 #include "geo/time.h"
 #include "igc/igc.h"
 
@@ -45,7 +44,7 @@ void CheckPosition(fuzz::Text& text) {
 
 }  // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+int fuzz::target::IgcSentences(const uint8_t* data, size_t size) {
   fuzz::Text date(data, size);
   CheckDate(date);
   fuzz::Text position(data, size);

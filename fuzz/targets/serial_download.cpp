@@ -2,16 +2,15 @@
 // instrument that replays the input (layout in tests/serial_replay.h):
 // identification, list, selection, the track or waypoint stages and, for
 // the all-tracks commands, the saving checks, on a replayed clock.
-// fuzz-dict: serial.dict
-// fuzz-max-len: 65536
 
 #include <cstdint>
 
 #include "core/run.h"
 #include "fuzz_support.h"
+#include "targets.h"
 #include "serial_replay.h"
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+int fuzz::target::SerialDownload(const uint8_t* data, size_t size) {
   const replay::Outcome outcome = replay::Replay(data, size);
   if (size < 2) return 0;
   FUZZ_CHECK(outcome.result <= 0);

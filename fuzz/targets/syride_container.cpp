@@ -2,8 +2,6 @@
 // IGC reader as the download does. Inputs of odd length get their chunk
 // checksums set right first, so that mutated chunk data gets past the
 // checksum to the chunk handling and the decompressor.
-// fuzz-dict: syride.dict
-// fuzz-max-len: 65536
 
 #include <zlib.h>
 
@@ -13,6 +11,7 @@
 
 #include "core/run.h"
 #include "fuzz_support.h"
+#include "targets.h"
 #include "core/bytes.h"
 #include "usb/fastlz.h"
 #include "usb/syride.h"
@@ -37,7 +36,7 @@ void FixChecksums(uint8_t* container, size_t size) {
 
 }  // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+int fuzz::target::SyrideContainer(const uint8_t* data, size_t size) {
   if (size > UINT32_MAX) return 0;
   auto container = std::make_unique<uint8_t[]>(size);
   if (size > 0) std::memcpy(container.get(), data, size);

@@ -1,16 +1,15 @@
 // A whole Syride download, one track or all, against an emulated instrument
 // whose answers replay the input (layout in usb_replay.h): identification,
 // flight list, memory readers, the decoders and the IGC reader behind them.
-// fuzz-dict: syride.dict
-// fuzz-max-len: 65536
 
 #include <cstdint>
 
 #include "core/run.h"
 #include "fuzz_support.h"
+#include "targets.h"
 #include "usb_replay.h"
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+int fuzz::target::SyrideDownload(const uint8_t* data, size_t size) {
   const fuzz::usb::ReplayResult result = fuzz::usb::RunSyrideReplay(data, size);
   FUZZ_CHECK(result.status == 0 || result.status == -1);
   FUZZ_CHECK(tGps.nTrackPoints >= 0 && tGps.nTrackPoints <= tGps.nTrackCapacity);

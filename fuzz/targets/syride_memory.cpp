@@ -2,14 +2,13 @@
 // record layout, bytes 1-2 (little-endian) the duration, cut to what the rest
 // of the input holds; the rest is the memory image, given in a buffer of
 // exactly the size the download reads for that duration.
-// fuzz-dict: syride.dict
-// fuzz-max-len: 65536
 
 #include <cstdint>
 #include <cstring>
 #include <memory>
 
 #include "fuzz_support.h"
+#include "targets.h"
 #include "geo/time.h"
 #include "usb/syride.h"
 
@@ -21,7 +20,7 @@ constexpr int32_t kNoFixArc = 5965232;
 
 }  // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+int fuzz::target::SyrideMemory(const uint8_t* data, size_t size) {
   if (size < kSetup) return 0;
   const uint8_t newFormat = data[0] & 1;
   const uint32_t wanted = static_cast<uint32_t>(data[1]) | (static_cast<uint32_t>(data[2]) << 8);

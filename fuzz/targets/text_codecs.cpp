@@ -1,8 +1,6 @@
 // The strict text decoders every protocol and file reader uses, each on an
 // exact-size copy of the whole input: sentence splitting and checksum,
 // numbers, dates, times, positions, and the blank compaction.
-// fuzz-dict: nmea.dict
-// fuzz-max-len: 512
 
 #include <cmath>
 #include <cstdint>
@@ -10,6 +8,7 @@
 #include <memory>
 
 #include "fuzz_support.h"
+#include "targets.h"
 #include "link/string.h"
 
 namespace {
@@ -102,7 +101,7 @@ void CheckCompression(const uint8_t* data, size_t size, bool xml) {
 
 }  // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+int fuzz::target::TextCodecs(const uint8_t* data, size_t size) {
   CheckSentence(data, size, 4);
   CheckSentence(data, size, 40);
   CheckNumbers(data, size);

@@ -1,15 +1,13 @@
 // The in-place splitters and field decoders of the waypoint readers: every
 // line of the input, split at commas and at blanks, and every item decoded
 // as an identifier and as a comment.
-// fuzz-seeds: tests/data/waypoints fuzz/seeds/waypoint_text
-// fuzz-dict: waypoints.dict
-// fuzz-max-len: 4096
 
 #include <cstdint>
 #include <cstring>
 #include <memory>
 
 #include "fuzz_support.h"
+#include "targets.h"
 #include "output/file.h"
 
 namespace {
@@ -48,7 +46,7 @@ void SplitLine(const char* line, size_t length, char separator) {
 
 }  // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+int fuzz::target::WaypointFields(const uint8_t* data, size_t size) {
   fuzz::Text text(data, size);
   char* const begin = text.get();
   char* const end = begin + size;

@@ -1,8 +1,5 @@
 // The waypoint upload's reader from the file on: reading, recognising the
 // format by its first bytes, decoding.
-// fuzz-seeds: tests/data/waypoints fuzz/seeds/waypoint_text
-// fuzz-dict: waypoints.dict
-// fuzz-max-len: 8192
 
 #include <cstdint>
 #include <cstdio>
@@ -10,9 +7,10 @@
 
 #include "core/run.h"
 #include "fuzz_support.h"
+#include "targets.h"
 #include "output/file.h"
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+int fuzz::target::WaypointFile(const uint8_t* data, size_t size) {
   static const std::string path = fuzz::WorkDirectory() + "/points.wpt";
   fuzz::WriteWholeFile(path, data, size);
   fuzz::FreshRunParameters();

@@ -1,14 +1,12 @@
 // The Ozi and $FormatGEO waypoint decoders on a whole file's text; both
 // decoders see every input, whatever its first line says.
-// fuzz-seeds: tests/data/waypoints
-// fuzz-dict: waypoints.dict
-// fuzz-max-len: 8192
 
 #include <cstdint>
 #include <cstring>
 
 #include "core/run.h"
 #include "fuzz_support.h"
+#include "targets.h"
 #include "output/file.h"
 
 namespace {
@@ -43,7 +41,7 @@ void CheckList(int32_t result, bool geo) {
 
 }  // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+int fuzz::target::WaypointText(const uint8_t* data, size_t size) {
   fuzz::FreshRunParameters();
   fuzz::Text ozi(data, size);
   CheckList(DecodeOziWpts(ozi.get()), false);

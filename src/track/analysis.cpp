@@ -643,6 +643,22 @@ void FillTimesAndHeights(FlightAnalysis* record) {
   record->nHighestAltitude = RoundedMetres(highest);
 }
 
+// A mean window's speed and vertical rate, kept when they are the best yet.
+void TakeMeanWindow(double speed, double rate, double* mean, double* sink, double* climb) {
+  if (speed > *mean) *mean = speed;
+  if (rate < *sink) *sink = rate;
+  if (rate > *climb) *climb = rate;
+}
+
+void StoreStatistics(FlightAnalysis* record, double length, double top, double mean, double sink, double climb) {
+  record->dTrackLength = length;
+  record->dTopSpeed = top;
+  record->dMeanSpeed = mean;
+  record->dWorstSink = sink;
+  record->dBestClimb = climb;
+  record->dAverageSpeed = 3.6 * length / record->dwDuration;
+}
+
 // Measuring every step of every window: the statistics without working memory.
 void FillStatistics(FlightAnalysis* record) {
   const TrackPoint* points = record->pPoints;
@@ -661,17 +677,10 @@ void FillStatistics(FlightAnalysis* record) {
     }
     if (points[i - 1].dwTime > meanFrom) {
       MeanSpeed(points, i, stepDistance, &speed, &rate);
-      if (speed > mean) mean = speed;
-      if (rate < sink) sink = rate;
-      if (rate > climb) climb = rate;
+      TakeMeanWindow(speed, rate, &mean, &sink, &climb);
     }
   }
-  record->dTrackLength = length;
-  record->dTopSpeed = top;
-  record->dMeanSpeed = mean;
-  record->dWorstSink = sink;
-  record->dBestClimb = climb;
-  record->dAverageSpeed = 3.6 * length / record->dwDuration;
+  StoreStatistics(record, length, top, mean, sink, climb);
 }
 
 // The same statistics from distances measured once. A window's walk skips
@@ -870,17 +879,10 @@ void Statistics::Fill(FlightAnalysis* record) {
       } else {
         MeanSpeed(points, i, stepDistance, &speed, &rate);
       }
-      if (speed > mean) mean = speed;
-      if (rate < sink) sink = rate;
-      if (rate > climb) climb = rate;
+      TakeMeanWindow(speed, rate, &mean, &sink, &climb);
     }
   }
-  record->dTrackLength = length;
-  record->dTopSpeed = top;
-  record->dMeanSpeed = mean;
-  record->dWorstSink = sink;
-  record->dBestClimb = climb;
-  record->dAverageSpeed = 3.6 * length / record->dwDuration;
+  StoreStatistics(record, length, top, mean, sink, climb);
 }
 
 }  // namespace

@@ -1787,6 +1787,23 @@ int32_t LastGreatestSum(const uint32_t* x, const uint32_t* y, int32_t from, int3
   return -1;
 }
 
+// The four- and five-point routes through the turnpoints found, with the
+// start and finish that go best with their first and last turnpoint.
+void StoreFour(const Partners& p, int32_t t1, int32_t t2, int32_t* four) {
+  four[0] = p.fromPoint[t1];
+  four[1] = t1;
+  four[2] = t2;
+  four[3] = p.toPoint[t2];
+}
+
+void StoreFive(const Partners& p, int32_t t1, int32_t t2, int32_t t3, int32_t* five) {
+  five[0] = p.fromPoint[t1];
+  five[1] = t1;
+  five[2] = t2;
+  five[3] = t3;
+  five[4] = p.toPoint[t3];
+}
+
 // Open distance, 3, 4 and 5 points on the sampled points, ties to the last
 // candidate examined. Writes sampled indices.
 // The 4- and 5-point searches of FindSampledDistances over 32-bit sums.
@@ -1803,10 +1820,7 @@ void FindSampledDistancesBySums(const uint32_t* distance, int32_t n, const Partn
     const int64_t into = from[t1];
     if (rowPoint >= 0 && into + rowBest >= best) {
       best = into + rowBest;
-      four[0] = p.fromPoint[t1];
-      four[1] = t1;
-      four[2] = rowPoint;
-      four[3] = p.toPoint[rowPoint];
+      StoreFour(p, t1, rowPoint, four);
     }
   }
   best = -1;
@@ -1817,11 +1831,7 @@ void FindSampledDistancesBySums(const uint32_t* distance, int32_t n, const Partn
     const int32_t t3 = LastGreatestSum(row, to, t2 + 1, n - 2, &after);
     if (before + after >= best) {
       best = before + after;
-      five[0] = p.fromPoint[t1];
-      five[1] = t1;
-      five[2] = t2;
-      five[3] = t3;
-      five[4] = p.toPoint[t3];
+      StoreFive(p, t1, t2, t3, five);
     }
   }
 }
@@ -1873,10 +1883,7 @@ void FindSampledDistances(const uint32_t* distance, int32_t n, const Partners& p
     }
     if (rowPoint >= 0 && into + rowBest >= best) {
       best = into + rowBest;
-      four[0] = p.fromPoint[t1];
-      four[1] = t1;
-      four[2] = rowPoint;
-      four[3] = p.toPoint[rowPoint];
+      StoreFour(p, t1, rowPoint, four);
     }
   }
   best = -1;
@@ -1899,11 +1906,7 @@ void FindSampledDistances(const uint32_t* distance, int32_t n, const Partners& p
     }
     if (before + after >= best) {
       best = before + after;
-      five[0] = p.fromPoint[t1];
-      five[1] = t1;
-      five[2] = t2;
-      five[3] = t3;
-      five[4] = p.toPoint[t3];
+      StoreFive(p, t1, t2, t3, five);
     }
   }
 }

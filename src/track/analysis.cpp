@@ -140,6 +140,17 @@ bool ParseTrackSelection(const char* word, TrackSpan* tracks, int32_t count) {
   }
 }
 
+// The track keeps its first `kept` points: says how many went, or that none is left.
+int32_t KeepPoints(int32_t kept, int32_t count, const char* noneLeft, const char* removed) {
+  tGps.nTrackPoints = kept;
+  if (kept == 0) {
+    std::printf("%s\n", noneLeft);
+    return -1;
+  }
+  if (kept < count) std::printf("%d positions %s\n", count - kept, removed);
+  return 0;
+}
+
 }  // namespace
 
 int32_t CheckForInvalidTimeStamps() {
@@ -150,13 +161,8 @@ int32_t CheckForInvalidTimeStamps() {
     uint32_t t = points[i].dwTime;
     if (t != 0 && t != 0x7FFFFFFFu && t != 0xFFFFFFFFu) points[kept++] = points[i];
   }
-  tGps.nTrackPoints = kept;
-  if (kept == 0) {
-    std::printf("All positions have an invalid timestamp\n");
-    return -1;
-  }
-  if (kept < count) std::printf("%d positions with invalid timestamp have been removed\n", count - kept);
-  return 0;
+  return KeepPoints(kept, count, "All positions have an invalid timestamp",
+                    "with invalid timestamp have been removed");
 }
 
 int32_t CheckForMultipleTracks() {
@@ -339,13 +345,7 @@ int32_t CheckForSpeedConsistency() {
     points[kept].dwFlags &= ~rules::kKeepMark;
     ++kept;
   }
-  tGps.nTrackPoints = kept;
-  if (kept == 0) {
-    std::printf("All positions removed by speed analysis\n");
-    return -1;
-  }
-  if (kept < count) std::printf("%d positions have been removed in speed analysis\n", count - kept);
-  return 0;
+  return KeepPoints(kept, count, "All positions removed by speed analysis", "have been removed in speed analysis");
 }
 
 // ---------------------------------------------------------------------------

@@ -12,14 +12,20 @@
 #include <fstream>
 #include <functional>
 #include <map>
+#include <memory>
 #include <sstream>
 #include <string>
 #include <vector>
 
+#include "core/console.h"
 #include "core/run.h"
 #include "link/string.h"
+#include "serial/ascent.h"
 #include "serial/flymaster.h"
 #include "serial/galileo.h"
+#include "serial/iqbasic.h"
+#include "serial/leonardo.h"
+#include "serial/mlr.h"
 #include "support.h"
 
 namespace {
@@ -40,15 +46,17 @@ struct Case {
   }
 };
 
+// Hexadecimal bytes; "HH*N" is the byte HH N times.
 std::string FromHex(const std::string& hex) {
   std::string bytes;
-  for (size_t i = 0; i + 1 < hex.size();) {
-    if (hex[i] == ' ') {
-      ++i;
+  std::istringstream in(hex);
+  for (std::string word; in >> word;) {
+    const size_t star = word.find('*');
+    if (star != std::string::npos) {
+      bytes.append(std::stoul(word.substr(star + 1)), static_cast<char>(std::stoi(word.substr(0, 2), nullptr, 16)));
       continue;
     }
-    bytes.push_back(static_cast<char>(std::stoi(hex.substr(i, 2), nullptr, 16)));
-    i += 2;
+    for (size_t i = 0; i + 1 < word.size(); i += 2) bytes.push_back(static_cast<char>(std::stoi(word.substr(i, 2), nullptr, 16)));
   }
   return bytes;
 }
@@ -206,6 +214,243 @@ std::string FlymasterSentences(const Case& c) {
   return out + Records();
 }
 
+// The memory dumps of the 2xx models (an IGC text), of the earlier ones
+// (points and task points) and the block exchange of the oldest models.
+std::string FlymasterDumps(const Case& c) {
+  FlymasterRig rig(c);
+  std::string out;
+  if (c.Number("kept") > 0) AppendTrackPoint(TrackPoint{});
+  std::snprintf(rig.t.name, sizeof rig.t.name, "%s", c.Text("model").c_str());
+  const auto* bytes = reinterpret_cast<const uint8_t*>(c.input.data());
+  const auto length = static_cast<int32_t>(c.input.size());
+  if (c.kind == "flymaster-2xx") {
+    char* igc = nullptr;
+    int32_t igcLength = 0;
+    const std::string serial = c.set.count("serial") ? c.Text("serial") : "2719";
+    out += Printing([&] { return Format("%d\n", flymaster::ConvertDump2xx(bytes, length, serial.c_str(), &igc, &igcLength)); });
+    if (igc != nullptr) out += std::string(igc, static_cast<size_t>(igcLength)) + Format("(%zu)\n", std::strlen(igc));
+    std::free(igc);
+  } else if (c.kind == "flymaster-new") {
+    flymaster::TaskPointList tasks;
+    const auto time = static_cast<uint32_t>(c.Number("time", 1000));
+    out += Printing([&] { return Format("%d\n", flymaster::DecodeDumpNew(bytes, length, time, &tasks)); });
+    for (int32_t i = 0; i < tasks.count; ++i) {
+      const flymaster::TaskPoint& t = tasks.items[i];
+      out += Format("task [%s] [%s] %d %d %d %u\n", t.shortName, t.longName, t.latitude, t.longitude, t.altitude, t.time);
+    }
+    out += Format("utc %d signature %d pressure %d download %u\n", tGps.bUtc, tGps.bSignature, tGps.bPressureAltitude,
+                  tGps.dwDownloadTime);
+  } else {
+    std::string replies, messages;
+    flymaster::OldStep step{1, 0, nullptr};
+    for (int32_t i = 0; i < length && step.result == 1; ++i) {
+      step = flymaster::TakeOldByte(&rig.t, bytes[i], nullptr);
+      if (step.reply != 0) replies += Format(" %02X", step.reply);
+      if (step.message != nullptr) messages += step.message;
+    }
+    out += Format("%d replies%s\n", step.result, replies.c_str()) + (messages.empty() ? "" : "printed " + messages);
+    if (c.Number("finish") > 0) {
+      out += Printing([&] {
+        ProgressCounter progress("Points: ", 0);
+        step = flymaster::FinishOldTransfer(&rig.t, &progress);
+        return std::string();
+      });
+      out += Format("end %d reply %02X [%s] utc %d signature %d pressure %d\n", step.result, step.reply,
+                    step.message == nullptr ? "" : step.message, tGps.bUtc, tGps.bSignature, tGps.bPressureAltitude);
+    }
+    out += Format("info %u [%s] [%s] [%s] [%s]\n", rig.t.infoNumber, rig.t.infoText[0], rig.t.infoText[1],
+                  rig.t.infoText[2], rig.t.infoText[3]);
+  }
+  return out + Records();
+}
+
+// --- Digifly Leonardo ----------------------------------------------------------------------
+
+std::string Leonardo(const Case& c) {
+  test::FreshRunParameters();
+  tGps.dwCommand = static_cast<uint32_t>(c.Number("command", kCommandDownloadTrack));
+  tGps.nFlightNumber = static_cast<int32_t>(c.Number("flight", -1));
+  auto t = std::make_unique<leonardo::LeonardoTransfer>();
+  std::string out;
+  for (const std::string& in : c.inputs) {
+    leonardo::ResetTransfer(t.get());
+    if (c.kind == "leonardo-sentence") {
+      int32_t result = 1;
+      for (size_t i = 0; i < in.size() && result == 1; ++i) result = leonardo::TakeSentenceByte(t.get(), static_cast<uint8_t>(in[i]));
+      out += Format("%d [%s] state %d\n", result, result == 0 ? t->sentence : "", t->state);
+      continue;
+    }
+    std::snprintf(t->sentence, sizeof t->sentence, "%s", in.c_str());
+    t->length = static_cast<int32_t>(in.size());
+    if (c.kind == "leonardo-product") {
+      const int32_t result = leonardo::DecodeProductSentence(t.get());
+      out += Format("%d [%s] [%s] [%s] [%s] [%s] %d\n", result, t->device, t->firmware, t->serial, t->pilot, t->product,
+                    t->recordsWithoutQnh);
+    } else if (c.kind == "leonardo-list") {
+      const int32_t result = leonardo::DecodeFlightList(t.get());
+      out += Format("%d count %d", result, t->flightCount);
+      for (int32_t i = 0; i < t->flightCount; ++i) {
+        const leonardo::FlightEntry& e = t->flights[i];
+        if (i < 3 || i == t->flightCount - 1) {
+          out += Format(" | %u %u %d %X %d %X", e.takeoff, e.landing, e.startBlock, e.startAddress, e.lastBlock, e.lastAddress);
+        }
+      }
+      out += "\n";
+    } else if (c.kind == "leonardo-block") {
+      const int32_t result = leonardo::DecodeBlockSentence(t.get());
+      out += Format("%d length %d [", result, t->blockLength);
+      for (int32_t i = 0; i < std::min(t->blockLength, 4); ++i) out += Format("%02X", t->block[i]);
+      out += "]\n";
+    }
+  }
+  if (c.kind == "leonardo-select") {  // every flight as the entry of the case
+    leonardo::ResetTransfer(t.get());
+    t->flightCount = static_cast<int32_t>(c.Number("flights"));
+    for (int32_t i = 0; i < t->flightCount; ++i) leonardo::DecodeFlightEntry(c.Text("entry").c_str(), &t->flights[i]);
+    test::FakeStdin typed(c.Text("typed"));
+    out += Printing([&] { return Format("select %d\n", leonardo::SelectFlight(t.get())); });
+  }
+  return out;
+}
+
+// --- MLR ----------------------------------------------------------------------------------
+
+std::string Mlr(const Case& c) {
+  test::FreshRunParameters();
+  std::string out;
+  if (c.kind == "mlr-product") {
+    for (const std::string& in : c.inputs) {
+      mlr::ProductRecord p;
+      mlr::InitProductDecoder(&p);
+      p.state = static_cast<int32_t>(c.Number("state"));
+      int32_t result = 1;
+      for (size_t i = 0; i < in.size() && result == 1; ++i) result = mlr::DecodeProductData(&p, static_cast<uint8_t>(in[i]));
+      out += Format("%d", result);
+      if (result == 0) {
+        out += Format(" [%s] [%s] [%s] [%s] [%s] major %d minor %d correction %d", p.fields[0], p.fields[1], p.fields[2], p.fields[3],
+                      p.fields[4], p.major, p.minor, p.timeCorrection);
+      }
+      out += "\n";
+    }
+    return out;
+  }
+  if (c.kind == "mlr-version") {  // field A, a comma, field D
+    for (const std::string& in : c.inputs) {
+      mlr::ProductRecord p;
+      mlr::InitProductDecoder(&p);
+      std::snprintf(p.fields[0], sizeof p.fields[0], "%s", in.substr(0, in.find(',')).c_str());
+      std::snprintf(p.fields[3], sizeof p.fields[3], "%s", in.substr(in.find(',') + 1).c_str());
+      mlr::CheckSoftwareVersion(&p);
+      out += Format("[%s] major %d minor %d correction %d\n", p.fields[0], p.major, p.minor, p.timeCorrection);
+    }
+    return out;
+  }
+  // mlr-frames: every result that is not 0; mlr-log: each complete frame
+  // handed on, and the points it made.
+  mlr::FrameState f;
+  mlr::InitDecodeSentenceByte(&f);
+  f.timeCorrection = static_cast<int32_t>(c.Number("correction"));
+  const auto mode = static_cast<int32_t>(c.Number("mode"));
+  out += Printing([&] {
+    std::unique_ptr<ProgressCounter> progress;
+    if (c.kind == "mlr-log") progress = std::make_unique<ProgressCounter>("Points: ", 0);
+    f.progress = progress.get();
+    std::string results;
+    for (char b : c.input) {
+      const int32_t r = mlr::DecodeSentenceByte(&f, static_cast<uint8_t>(b), mode);
+      if (c.kind == "mlr-log" && r > 0) {
+        results += Format(" %d", mlr::DecodeNewSentence(&f, 0));
+      } else if (r != 0) {
+        results += Format(" %s%d", c.kind == "mlr-log" ? "frame " : "", r);
+        if (c.kind == "mlr-frames" && r > 0) results += Format(" seq %u count %d data %s", f.sequence, f.count, test::Sha256(std::string(reinterpret_cast<char*>(f.data), static_cast<size_t>(f.dataLength))).substr(0, 16).c_str());
+      }
+    }
+    if (progress != nullptr) progress->Finish(tGps.nTrackPoints);
+    f.progress = nullptr;
+    return "results" + results + "\n";
+  });
+  return out + Format("capacity %d\n", tGps.nTrackCapacity) + Records();
+}
+
+// --- Ascent --------------------------------------------------------------------------------
+
+std::string Ascent(const Case& c) {
+  std::string out;
+  if (c.kind == "ascent-product") {
+    for (const std::string& in : c.inputs) {
+      ascent::Product product{};
+      char text[81] = "";
+      const bool taken = ascent::DecodeProductResponse(reinterpret_cast<const uint8_t*>(in.data()), &product, text, sizeof text);
+      out += Format("%d [%s] %u %X %u %d\n", taken, text, product.firmware, product.valueA, product.valueB, product.supported);
+    }
+    return out;
+  }
+  if (c.kind == "ascent-list") {
+    ascent::Product product{};
+    ascent::ListState list;
+    ascent::StartList(&list, &product);
+    for (const std::string& in : c.inputs) {
+      if (in == "again") {
+        ascent::StartList(&list, &product);
+        continue;
+      }
+      char entry[64] = "?";
+      const int32_t r = ascent::DecodeListMessage(&list, reinterpret_cast<const uint8_t*>(in.data()), &product, entry, sizeof entry);
+      out += Format("%d [%s] count %d\n", r, entry, product.flightCount);
+    }
+    for (int32_t i = 0; i < product.flightCount; i += std::max(1, product.flightCount - 1)) out += Format("id %d %u\n", i, product.flightIds[i]);
+    return out;
+  }
+  // ascent-packets: the answer to the last byte of every packet, then the sections and their join.
+  ascent::FlightTransfer t;
+  ascent::AllocateSections(&t);
+  for (const std::string& in : c.inputs) {
+    int32_t r = 0;
+    for (size_t i = 0; i < in.size(); ++i) {
+      r = ascent::DecodePacketByte(&t, static_cast<uint8_t>(in[i]));
+      if (r != ascent::kPacketMore && i + 1 < in.size()) {
+        out += Format("byte %zu: ", i);
+        break;
+      }
+    }
+    out += Format("%d\n", r);
+  }
+  for (const ascent::Section& s : t.sections) {
+    out += Format("section %d ", s.number) + std::string(reinterpret_cast<char*>(s.data), static_cast<size_t>(s.length)) + "\n";
+  }
+  uint8_t* text = nullptr;
+  int32_t length = 0;
+  const int32_t joined = ascent::JoinSections(&t, &text, &length);
+  out += Format("lines %d joined %d ", t.lines, joined) + (joined == 0 ? std::string(reinterpret_cast<char*>(text), static_cast<size_t>(length)) : "") + "\n";
+  std::free(text);
+  return out;
+}
+
+// --- IQ Basic ------------------------------------------------------------------------------
+
+std::string IqBasic(const Case& c, const std::string& in) {
+  if (c.kind == "iqbasic-value") {
+    uint32_t value = 99;
+    const int32_t r = iqbasic::DecodePAdata(in.c_str(), &value);
+    return Format("%d %u\n", r, value);
+  }
+  if (c.kind == "iqbasic-list") {
+    char line[iqbasic::kListLineSize];
+    std::snprintf(line, sizeof line, "%s", in.c_str());
+    iqbasic::RenumberListLine(line);
+    return Format("[%s]\n", line);
+  }
+  if (c.kind == "iqbasic-match") {  // the flight number, a blank, the line
+    return Format("%d\n", iqbasic::MatchesFlight(in.substr(in.find(' ') + 1).c_str(), std::stoi(in)));
+  }
+  char text[iqbasic::kAnswerSize];
+  iqbasic::LineBuilder line;
+  iqbasic::StartLine(&line, text, iqbasic::kAnswerSize - 1);
+  std::string complete;
+  for (char b : in) complete += iqbasic::TakeLineByte(&line, static_cast<uint8_t>(b)) ? '1' : '.';
+  return Format("%s [%s]\n", complete.c_str(), text);
+}
+
 // --- Brauniger/Flytec ----------------------------------------------------------------------
 
 std::string Galileo(const Case& c) {
@@ -278,6 +523,25 @@ const std::map<std::string, std::function<std::string(const Case&)>>& Kinds() {
       {"flymaster-list", FlymasterSentences},
       {"flymaster-answer", FlymasterSentences},
       {"flymaster-waypoint", FlymasterSentences},
+      {"flymaster-2xx", FlymasterDumps},
+      {"flymaster-new", FlymasterDumps},
+      {"flymaster-old", FlymasterDumps},
+      {"leonardo-sentence", Leonardo},
+      {"leonardo-product", Leonardo},
+      {"leonardo-list", Leonardo},
+      {"leonardo-block", Leonardo},
+      {"leonardo-select", Leonardo},
+      {"mlr-product", Mlr},
+      {"mlr-version", Mlr},
+      {"mlr-frames", Mlr},
+      {"mlr-log", Mlr},
+      {"ascent-product", Ascent},
+      {"ascent-list", Ascent},
+      {"ascent-packets", Ascent},
+      {"iqbasic-value", Table<IqBasic>},
+      {"iqbasic-list", Table<IqBasic>},
+      {"iqbasic-match", Table<IqBasic>},
+      {"iqbasic-line", Table<IqBasic>},
       {"galileo-product", Galileo},
       {"galileo-list", Galileo},
       {"galileo-waypoint", Galileo},

@@ -4,10 +4,10 @@
 // from what the decoders do now, then read the difference before committing.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
-#include <algorithm>
 #include <cstring>
 #include <fstream>
 #include <functional>

@@ -72,14 +72,18 @@ std::string Format(const char* format, ...) {
 }
 
 // What every kind shows after its own lines: the points and waypoints the
-// run parameters hold.
+// run parameters hold; of a long track the first and last few, and a
+// digest of them all.
 std::string Records() {
-  std::string out;
+  std::string all, out;
   for (int32_t i = 0; i < tGps.nTrackPoints; ++i) {
     const TrackPoint& p = tGps.pTrackPoints[i];
-    out += Format("point %u %u %d %d %d %d\n", p.dwFlags, p.dwTime, p.lLatitude, p.lLongitude, p.lGpsAltitude,
-                  p.lPressureAltitude);
+    const std::string line = Format("point %u %u %d %d %d %d\n", p.dwFlags, p.dwTime, p.lLatitude, p.lLongitude,
+                                    p.lGpsAltitude, p.lPressureAltitude);
+    all += line;
+    if (i < 5 || i >= tGps.nTrackPoints - 2) out += line;
   }
+  if (tGps.nTrackPoints > 7) out += Format("points %d sha256 %s\n", tGps.nTrackPoints, test::Sha256(all).c_str());
   for (int32_t i = 0; i < tGps.nWaypoints; ++i) {
     const Waypoint& w = tGps.pWaypoints[i];
     out += Format("waypoint %d %d %d [%s] [%s] %u %u\n", w.lLatitude, w.lLongitude, w.lAltitude, w.szId,

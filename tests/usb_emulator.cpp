@@ -10,6 +10,7 @@
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
+#include <tuple>
 
 #include "support.h"
 
@@ -31,10 +32,6 @@ uint32_t Le32(const uint8_t* at) { return at[0] | (at[1] << 8) | (at[2] << 16) |
 
 void PutLe(uint8_t* at, uint32_t value, int bytes) {
   for (int i = 0; i < bytes; ++i) at[i] = static_cast<uint8_t>(value >> (8 * i));
-}
-
-void PutBe(Bytes& out, int32_t value, int bytes) {
-  for (int shift = 8 * (bytes - 1); shift >= 0; shift -= 8) out.push_back(static_cast<uint8_t>(value >> shift));
 }
 
 uint8_t Sum(const uint8_t* report) {
@@ -68,10 +65,9 @@ void FreeDeviceList(libusb_device** list, int unref) {
 }
 
 int GetDeviceDescriptor(libusb_device* device, libusb_device_descriptor* descriptor) {
-  *descriptor = libusb_device_descriptor{};
-  descriptor->idVendor = reinterpret_cast<const Device*>(device)->vendor;
-  descriptor->idProduct = reinterpret_cast<const Device*>(device)->product;
-  return 0;
+  const Device* d = reinterpret_cast<const Device*>(device);
+  return *descriptor = libusb_device_descriptor{}, descriptor->idVendor = d->vendor, descriptor->idProduct = d->product,
+         0;
 }
 
 void* OpenLibrary(const char* name) {
@@ -82,9 +78,7 @@ void* OpenLibrary(const char* name) {
 void* FindSymbol(void* library, const char* name) {
   pBus->symbolsLookedUp.push_back(name);
   const std::string symbol = name;
-  for (const std::string& missing : pBus->missingSymbols) {
-    if (missing == symbol) return nullptr;
-  }
+  if (std::count(pBus->missingSymbols.begin(), pBus->missingSymbols.end(), symbol) != 0) return nullptr;
   if (symbol == "libusb_init") return reinterpret_cast<void*>(&Init);
   if (symbol == "libusb_get_device_list") return reinterpret_cast<void*>(&GetDeviceList);
   if (symbol == "libusb_free_device_list") return reinterpret_cast<void*>(&FreeDeviceList);
@@ -194,17 +188,12 @@ void Device::Receive(const uint8_t* data) {
       const uint32_t offset = evolution ? (request[2] | (request[3] << 8)) : request[2];
       const uint32_t length = evolution ? request[4] : request[3];
       if (length > (evolution ? 58u : 59u) || offset + length > 512) violations += "bad buffer write\n";
-      if (length <= (evolution ? 58u : 59u) && offset + length <= 512) {
-        std::memcpy(transferBuffer.data() + offset, &request[evolution ? 5 : 4], length);
-      }
       break;
     }
     case syride::kCommandCommitBuffer:
-      commits.emplace_back(Le32(&request[2]), transferBuffer);
       break;
     case syride::kCommandEraseSubSector:
       if (std::count(request.begin() + 6, request.begin() + 63, 0) != 57) violations += "erase not cleared\n";
-      erases.push_back(Le32(&request[2]));
       break;
     default:
       violations += "unknown command " + std::to_string(request[1]) + "\n";
@@ -219,14 +208,11 @@ void Device::Receive(const uint8_t* data) {
 }
 
 Device& Bus::Add(Model model, uint32_t major, uint32_t minor) {
+  const uint16_t products[] = {syride::kProductNav, syride::kProductNavV3, syride::kProductEvolution};
   devices.push_back(std::make_unique<Device>());
   Device& device = *devices.back();
-  device.model = model;
-  device.product = model == Model::kNav     ? syride::kProductNav
-                   : model == Model::kNavV3 ? syride::kProductNavV3
-                                            : syride::kProductEvolution;
-  device.major = major;
-  device.minor = minor;
+  std::tie(device.model, device.product, device.major, device.minor) =
+      std::tuple(model, products[static_cast<int>(model)], major, minor);
   Bytes waypoints(512, 0x20);
   std::fill(waypoints.end() - 4, waypoints.end(), 0xFE);
   if (model == Model::kEvolution) device.memory[uint64_t{syride::kEvolutionWaypointBlock} * 512] = waypoints;
@@ -270,32 +256,6 @@ Bytes ReadBytes(const std::string& path) {
   return Bytes(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
 }
 
-Bytes EncodeFlightMemory(const std::vector<Fix>& fixes, bool newFormat) {
-  Bytes out = {'S', 'Y', 'S', 0x01, 0x02, 0x03, 0x04, 0x05};
-  for (size_t i = 0; i < fixes.size(); ++i) {
-    const size_t recordStart = out.size();
-    if (i % 60 == 0) {
-      PutBe(out, fixes[i].latitude, 4);
-      PutBe(out, fixes[i].longitude, 4);
-      PutBe(out, fixes[i].barometric, 2);
-      if (newFormat) PutBe(out, fixes[i].gps, 2);
-      out.resize(recordStart + (newFormat ? 21 : 19), 0xC3);
-      continue;
-    }
-    const int64_t dLat = static_cast<int64_t>(fixes[i - 1].latitude) - fixes[i].latitude;
-    const int64_t dLon = static_cast<int64_t>(fixes[i - 1].longitude) - fixes[i].longitude;
-    const int32_t dAlt = fixes[i - 1].barometric - fixes[i].barometric;
-    if (dLat != static_cast<int16_t>(dLat) || dLon != static_cast<int16_t>(dLon) || dAlt != static_cast<int8_t>(dAlt)) {
-      return {};
-    }
-    PutBe(out, static_cast<int32_t>(dLat), 2);
-    PutBe(out, static_cast<int32_t>(dLon), 2);
-    out.push_back(static_cast<uint8_t>(dAlt));
-    out.resize(recordStart + (newFormat ? 15 : 14), 0xC3);
-  }
-  return out;
-}
-
 std::vector<std::string> Split(const std::string& text, char by) {
   std::vector<std::string> parts;
   std::istringstream in(text);
@@ -309,33 +269,6 @@ namespace {
 
 const std::string kData = std::string(KESTRIX_TEST_DATA) + "/";
 
-// The real flight, one fix a second: "all", "first:N", "back" (there and
-// back again) or "nofix" (after a minute without a fix).
-std::vector<Fix> Series(const std::string& name, uint32_t* unixStart) {
-  const Bytes bytes = ReadBytes(kData + "syride/pg-syride-navv3-lf.igc");
-  std::vector<Fix> all, fixes;
-  std::tm date{};
-  for (const std::string& line : Split(std::string(bytes.begin(), bytes.end()), '\n')) {
-    if (line.rfind("HFDTE", 0) == 0) strptime(line.c_str() + 5, "%d%m%y", &date);
-    if (line.size() < 35 || line[0] != 'B') continue;
-    if (all.empty()) strptime(line.c_str() + 1, "%H%M%S", &date);
-    // Thousandths of a minute to 1e-7 degrees.
-    auto angle = [&line](size_t at, int digits, char negative) {
-      const int32_t min1000 = std::stoi(line.substr(at, digits)) * 60000 + std::stoi(line.substr(at + digits, 5));
-      return static_cast<int32_t>(std::llround(min1000 * 1e7 / 60000.0)) * (line[at + digits + 5] == negative ? -1 : 1);
-    };
-    all.push_back({angle(7, 2, 'S'), angle(15, 3, 'W'), std::stoi(line.substr(25, 5)), std::stoi(line.substr(30, 5))});
-  }
-  *unixStart = static_cast<uint32_t>(timegm(&date));
-  if (name.rfind("first:", 0) == 0) fixes.assign(all.begin(), all.begin() + std::stoi(name.substr(6)));
-  if (name == "all" || name == "back") fixes = all;
-  if (name == "back") fixes.insert(fixes.end(), all.rbegin(), all.rend());
-  if (name == "nofix") fixes.assign(60, {kNoFix, kNoFix, all[0].barometric, all[0].barometric + 40});
-  if (name == "nofix") fixes.insert(fixes.end(), all.begin(), all.end());
-  *unixStart -= name == "nofix" ? 60 : 0;
-  return fixes;
-}
-
 // A start as 2023-10-07T13:54:08, or as +SECONDS after `base`.
 uint32_t Start(const std::vector<std::string>& words, size_t at, uint32_t base) {
   std::tm t{};
@@ -348,19 +281,18 @@ uint32_t Start(const std::vector<std::string>& words, size_t at, uint32_t base) 
 // A list entry and the bytes where the readers look. A SYS'Nav's bytes
 // follow the sector chain (the first sector in the entry), which may run past them.
 void AddFlight(Device& device, const std::vector<std::string>& w) {
-  uint32_t start = 0;
-  Bytes memory, where;
-  size_t seconds = 0;
-  if (w[0] == "evo" && w[1].rfind("fill:", 0) == 0) memory.assign(std::stoul(w[1].substr(5)), 1);
-  if (w[0] == "evo" && memory.empty()) memory = ReadBytes(kData + w[1]);
-  if (w[0] != "evo" && w[1].rfind("zero:", 0) == 0) memory.assign((seconds = std::stoul(w[1].substr(5))) * 15 + 8, 0);
-  if (w[0] != "evo" && memory.empty()) {
-    const std::vector<Fix> fixes = Series(w[1], &start);
-    seconds = fixes.size();
-    memory = EncodeFlightMemory(fixes, w[2] == "new");
-  }
-  if (memory.empty()) throw std::runtime_error("no flight memory for " + w[1]);
-  if (w[0] == "evo") seconds = std::stoul(w[3]);
+  const bool evo = w[0] == "evo";
+  Bytes where;
+  const size_t colon = w[1].find(':'), count = colon == std::string::npos ? 0 : std::stoul(w[1].substr(colon + 1));
+  // The real flight (4011 s) from 2023-10-07T13:54:08, there and back again, or its first seconds.
+  const uint32_t start = evo ? 0 : 1696686848;
+  const size_t seconds = evo ? std::stoul(w[3]) : w[1] == "back" ? 8022 : count > 0 ? count : 4011;
+  Bytes memory = evo && count > 0 ? Bytes(count, 1) : w[1].rfind("zero:", 0) == 0 ? Bytes(count * 15 + 8, 0) : Bytes{};
+  if (memory.empty() && evo) memory = ReadBytes(kData + w[1]);
+  if (memory.empty())
+    memory = ReadBytes(kData + "syride/" + (w[1] == "back" ? "there-and-back." : "forth.") + w[2] + ".mem");
+  if (!evo && w[1].rfind("first:", 0) == 0)
+    memory.resize(syride::FlightMemorySize(static_cast<uint32_t>(count), w[2] == "new"));
   for (const std::string& n : Split(w[w[0] == "evo" ? 2 : 3], ',')) where.push_back(static_cast<uint8_t>(std::stoi(n)));
   const uint16_t value = static_cast<uint16_t>(std::stoul(w[w[0] == "evo" ? 2 : 3]));
   device.entries.push_back(
@@ -395,17 +327,6 @@ void Configure(Device& device, const std::string& option) {
   device.shortTransfer |= key == "short";
   if (key == "write" || key == "read") (key == "write" ? device.failWriteAt : device.failReadAt) = std::stoi(value);
   if (key == "oldwaypoints") device.memory[uint64_t{syride::kEvolutionWaypointBlock} * 512][511] = 0xFF;
-  if (key == "bad") {
-    // Answers numbered in the first list get a bad status, in the second a bad checksum.
-    const std::string status = "," + value.substr(0, value.find('/')) + ",",
-                      sum = "," + value.substr(value.find('/') + 1) + ",";
-    device.answer = [status, sum](const Report&, int n) {
-      const std::string number = "," + std::to_string(n) + ",";
-      return status.find(number) != std::string::npos ? Answer::kBadStatus
-             : sum.find(number) != std::string::npos  ? Answer::kBadChecksum
-                                                      : Answer::kGood;
-    };
-  }
   if (key == "flaky") {
     // Every 7th answer a bad status, every 11th a bad checksum; sector numbers are read unchecked and spared.
     device.answer = [](const Report& r, int n) {
@@ -422,10 +343,8 @@ std::vector<std::string> Build(Bus& bus, const std::vector<std::string>& lines, 
   for (const std::string& line : lines) {
     const std::vector<std::string> w = Split(line, ' ');
     if (w[0] == "device") {
-      Device& device = bus.Add(w[1] == "v3"    ? Model::kNavV3
-                               : w[1] == "evo" ? Model::kEvolution
-                                               : Model::kNav,
-                               std::stoul(w[2]), std::stoul(w[3]));
+      const Model model = w[1] == "v3" ? Model::kNavV3 : w[1] == "evo" ? Model::kEvolution : Model::kNav;
+      Device& device = bus.Add(model, std::stoul(w[2]), std::stoul(w[3]));
       if (w[1].size() == 9) device.vendor = static_cast<uint16_t>(std::stoul(w[1].substr(0, 4), nullptr, 16));
       if (w[1].size() == 9) device.product = static_cast<uint16_t>(std::stoul(w[1].substr(5), nullptr, 16));
       for (size_t i = 4; i < w.size(); ++i) Configure(device, w[i]);

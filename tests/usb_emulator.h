@@ -37,9 +37,6 @@ struct Device {
   std::vector<std::pair<uint64_t, uint32_t>> memoryReads;  // byte address, length
   std::string violations;
   int writes = 0, reads = 0, opens = 0, closes = 0;
-  Bytes transferBuffer = Bytes(512, 0);
-  std::vector<std::pair<uint32_t, Bytes>> commits;
-  std::vector<uint32_t> erases;
   bool hasAnswer = false;
   Report pending{};
 
@@ -63,13 +60,6 @@ struct Installed {
   explicit Installed(Bus* bus);
   ~Installed();
 };
-
-struct Fix {
-  int32_t latitude, longitude, barometric, gps;  // 1e-7 degrees, metres
-};
-constexpr int32_t kNoFix = 5000000;  // 0.5 degrees in both
-// The per-second memory image of `fixes` as a SYS'Nav records it, or empty when a delta does not fit.
-Bytes EncodeFlightMemory(const std::vector<Fix>& fixes, bool newFormat);
 
 // Builds the bus from the setup lines of a scenario (tests/data/syride/scenarios.txt
 // describes them); returns its "run" line split in words.

@@ -12,8 +12,6 @@
 #include <stdexcept>
 #include <tuple>
 
-#include "support.h"
-
 // The library's header uses zero-length arrays.
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wpedantic"
@@ -358,7 +356,7 @@ std::vector<std::string> Build(Bus& bus, const std::vector<std::string>& lines, 
     } else if (w[0] == "run") {
       run = w;
     } else if (w[0] == "stdin") {
-      *typed = test::Unescape(line.substr(6));
+      *typed = line.substr(6);
     } else {
       throw std::runtime_error("unknown line: " + line);
     }

@@ -62,7 +62,7 @@ struct Installed {
 };
 
 // Builds the bus from the setup lines of a scenario (tests/data/syride/scenarios.txt
-// describes them); returns its "run" line split in words.
+// describes them); returns its "run" line split in words, `typed` the escaped text of its "stdin" line.
 std::vector<std::string> Build(Bus& bus, const std::vector<std::string>& lines, std::string* typed);
 std::vector<std::string> Split(const std::string& text, char by);
 

@@ -142,7 +142,7 @@ TEST(UsbScenario, EveryScenarioAsRecorded) {
     for (auto line = expect + 1; line < lines.end(); ++line) expected += *line + "\n";
     Rig rig;
     const std::vector<std::string> run = usbemu::Build(rig.bus, {lines.begin() + 1, expect}, &typed);
-    test::FakeStdin input(typed);
+    test::FakeStdin input(test::Unescape(typed));
     EXPECT_EQ(Transcript(rig.bus, run), expected);
     EXPECT_EQ(rig.bus.Problems(), "");
   }

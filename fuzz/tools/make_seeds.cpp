@@ -11,7 +11,7 @@
 #include <string>
 #include <vector>
 
-#include "../../tests/syride_emulator.h"
+#include "../../tests/usb_emulator.h"
 #include "serial_replay.h"
 #include "sim/sim.h"
 #include "usb_replay.h"
@@ -33,11 +33,11 @@ void Write(const std::string& target, const std::string& name, const Bytes& byte
   if (!file) throw std::runtime_error("cannot write " + (folder / name).string());
 }
 
-Bytes NavMemory(const std::vector<emu::Fix>& fixes, size_t from, size_t count, bool newFormat) {
-  std::vector<emu::Fix> part(fixes.begin() + static_cast<ptrdiff_t>(from),
-                             fixes.begin() + static_cast<ptrdiff_t>(from + count));
-  Bytes memory = emu::EncodeFlightMemory(part, newFormat);
-  if (memory.empty()) throw std::runtime_error("the fixture's deltas do not fit the memory records");
+// The first `count` seconds of the SYS'Nav memory image of the tests' flight.
+Bytes NavMemory(const std::filesystem::path& root, size_t count, bool newFormat) {
+  Bytes memory =
+      usbemu::ReadBytes((root / "tests/data/syride" / (newFormat ? "forth.new.mem" : "forth.old.mem")).string());
+  memory.resize(syride::FlightMemorySize(static_cast<uint32_t>(count), newFormat));
   return memory;
 }
 
@@ -46,7 +46,7 @@ void PutLe32(Bytes& out, uint32_t value) {
 }
 
 // The container's header chunk: the unpacked size, then filler up to 16 bytes.
-emu::Chunk SizeChunk(uint32_t size) {
+usbemu::Chunk SizeChunk(uint32_t size) {
   Bytes data;
   PutLe32(data, size);
   data.resize(16, 0);
@@ -54,13 +54,12 @@ emu::Chunk SizeChunk(uint32_t size) {
 }
 
 void SyrideSeeds(const std::filesystem::path& root) {
-  const emu::IgcFlight flight = emu::ReadIgcFlight((root / "tests/data/syride/pg-syride-navv3-lf.igc").string());
-  const uint32_t start = flight.unixStart;
+  const uint32_t start = 1696686848;  // 2023-10-07 13:54:08 UTC, the first fix of the flight
 
   // Memory images for the decoder: setup byte, duration, image.
   for (bool newFormat : {false, true}) {
     Bytes seed = {static_cast<uint8_t>(newFormat ? 1 : 0), 44, 1};  // 300 s
-    Bytes memory = NavMemory(flight.fixes, 0, 300, newFormat);
+    Bytes memory = NavMemory(root, 300, newFormat);
     seed.insert(seed.end(), memory.begin(), memory.end());
     Write("syride_memory", newFormat ? "nav-new-300s" : "nav-old-300s", seed);
   }
@@ -74,7 +73,7 @@ void SyrideSeeds(const std::filesystem::path& root) {
     nav.FlightCount(1);
     nav.NavEntry(start, 130, 3);
     nav.Byte(255);  // the last sector of the chain
-    nav.Bytes(NavMemory(flight.fixes, 0, 130, false));
+    nav.Bytes(NavMemory(root, 130, false));
     Write("syride_download", fault ? "nav-old-one-refused-answer" : "nav-old-one", nav.script());
   }
 
@@ -96,9 +95,9 @@ void SyrideSeeds(const std::filesystem::path& root) {
   bulk.NavEntry(start, 90, 3);
   bulk.NavEntry(start + 90, 100, 7);
   bulk.Byte(255);
-  bulk.Bytes(NavMemory(flight.fixes, 0, 90, true));
+  bulk.Bytes(NavMemory(root, 90, true));
   bulk.Byte(255);
-  bulk.Bytes(NavMemory(flight.fixes, 90, 100, true));
+  bulk.Bytes(NavMemory(root, 100, true));
   Write("syride_download", "nav-new-all", bulk.script());
 
   ScriptWriter v3(ReplayModel::kNavV3, false, 1);
@@ -106,27 +105,28 @@ void SyrideSeeds(const std::filesystem::path& root) {
   v3.Serial(4713);
   v3.FlightCount(1);
   v3.NavEntry(start, 150, 1);
-  v3.Bytes(NavMemory(flight.fixes, 0, 150, true));
+  v3.Bytes(NavMemory(root, 150, true));
   Write("syride_download", "v3-new-one", v3.script());
 
   // SYS'Evolution: an IGC text stored; a flight's first 128 KiB compressed
   // (with a stored tail); a damaged IGC text compressed.
-  const Bytes igc = emu::ReadBytes((root / "tests/data/igc/pg-skytraxx-13min.igc").string());
-  const Bytes stored = emu::Container({SizeChunk(static_cast<uint32_t>(igc.size())), {17, 0, igc}});
-  const Bytes compressed = emu::ReadBytes((root / "tests/data/fastlz/sixpack/evolution-head-131092.l2.6pk").string());
-  const Bytes block = emu::ReadBytes((root / "tests/data/fastlz/raw/igc-syride-navv3.igc.l1.flz").string());
-  const Bytes original = emu::ReadBytes((root / "tests/data/fastlz/raw/igc-syride-navv3.igc").string());
+  const Bytes igc = usbemu::ReadBytes((root / "tests/data/igc/pg-skytraxx-13min.igc").string());
+  const Bytes stored = usbemu::Container({SizeChunk(static_cast<uint32_t>(igc.size())), {17, 0, igc}});
+  const Bytes compressed =
+      usbemu::ReadBytes((root / "tests/data/fastlz/sixpack/evolution-head-131092.l2.6pk").string());
+  const Bytes block = usbemu::ReadBytes((root / "tests/data/fastlz/raw/igc-syride-navv3.igc.l1.flz").string());
+  const Bytes original = usbemu::ReadBytes((root / "tests/data/fastlz/raw/igc-syride-navv3.igc").string());
   Write("syride_container", "igc-stored", stored);
   Write("syride_container", "igc-compressed", compressed);
   Write("syride_container", "damaged-igc-compressed",
-        emu::Container({SizeChunk(static_cast<uint32_t>(original.size())), {17, 1, block}}));
+        usbemu::Container({SizeChunk(static_cast<uint32_t>(original.size())), {17, 1, block}}));
   // Stored and compressed chunks in one container, after a skipped chunk.
   Bytes head(igc.begin(), igc.begin() + 100);
   Write("syride_container", "mixed-chunks",
-        emu::Container({{99, 0, {1, 2, 3}},
-                        SizeChunk(static_cast<uint32_t>(head.size() + original.size())),
-                        {17, 0, head},
-                        {17, 1, block}}));
+        usbemu::Container({{99, 0, {1, 2, 3}},
+                           SizeChunk(static_cast<uint32_t>(head.size() + original.size())),
+                           {17, 0, head},
+                           {17, 1, block}}));
 
   for (const Bytes* container : {&stored, &compressed}) {
     ScriptWriter evolution(ReplayModel::kEvolution, false, 1);
@@ -138,8 +138,7 @@ void SyrideSeeds(const std::filesystem::path& root) {
     evolution.FlightCount(1);
     evolution.EvolutionEntry(start, 780, 12, static_cast<uint32_t>(container->size()));
     evolution.Bytes(*container);
-    Write("syride_download", container == &stored ? "evolution-stored" : "evolution-compressed",
-          evolution.script());
+    Write("syride_download", container == &stored ? "evolution-stored" : "evolution-compressed", evolution.script());
   }
 }
 

@@ -103,8 +103,7 @@ int HidWrite(hid_device* handle, const unsigned char* data, size_t length) {
   Device* device = FromHandle(handle);
   if (++device->writes == device->failWriteAt) return device->shortTransfer ? 32 : -1;
   if (length != 64) return device->violations += "output report of " + std::to_string(length) + "\n", -1;
-  device->Receive(data);
-  return 64;
+  return device->Receive(data), 64;
 }
 
 int HidRead(hid_device* handle, unsigned char* data, size_t length) {
@@ -113,8 +112,7 @@ int HidRead(hid_device* handle, unsigned char* data, size_t length) {
   device->hasAnswer = false;
   if (++device->reads == device->failReadAt) return device->shortTransfer ? 32 : -1;
   if (!answered || length != 64) return device->violations += "read without a request\n", -1;
-  std::memcpy(data, device->pending.data(), 64);
-  return 64;
+  return std::memcpy(data, device->pending.data(), 64), 64;
 }
 
 int HidGetProductString(hid_device* handle, wchar_t* text, size_t length) {
@@ -154,7 +152,6 @@ void Device::Receive(const uint8_t* data) {
   switch (request[1]) {
     case syride::kCommandSerialNumber:
       PutLe(payload, 4711, 4);
-      std::memcpy(payload + 4, "KSTRX-01", 8);
       break;
     case syride::kCommandFlightCount:
       payload[0] = static_cast<uint8_t>(entries.size());
@@ -189,9 +186,11 @@ void Device::Receive(const uint8_t* data) {
       break;
     }
     case syride::kCommandCommitBuffer:
-      break;
     case syride::kCommandEraseSubSector:
-      if (std::count(request.begin() + 6, request.begin() + 63, 0) != 57) violations += "erase not cleared\n";
+      if (request[1] == syride::kCommandEraseSubSector &&
+          std::count(request.begin() + 6, request.begin() + 63, 0) != 57) {
+        violations += "erase not cleared\n";
+      }
       break;
     default:
       violations += "unknown command " + std::to_string(request[1]) + "\n";
@@ -224,15 +223,9 @@ std::string Bus::Problems() const {
   return problems;
 }
 
-Installed::Installed(Bus* bus) {
-  pBus = bus;
-  syride::UseUsbPlatform(&kEmulatedPlatform);
-}
+Bus::Bus() { pBus = this, syride::UseUsbPlatform(&kEmulatedPlatform); }
 
-Installed::~Installed() {
-  syride::UseUsbPlatform(nullptr);
-  pBus = nullptr;
-}
+Bus::~Bus() { pBus = nullptr, syride::UseUsbPlatform(nullptr); }
 
 Bytes Container(const std::vector<Chunk>& chunks) {
   Bytes out = {137, 54, 80, 75, 13, 10, 26, 10};
@@ -257,9 +250,7 @@ Bytes ReadBytes(const std::string& path) {
 std::vector<std::string> Split(const std::string& text, char by) {
   std::vector<std::string> parts;
   std::istringstream in(text);
-  for (std::string part; std::getline(in, part, by);) {
-    if (!part.empty()) parts.push_back(part);
-  }
+  for (std::string part; std::getline(in, part, by);) parts.insert(parts.end(), part.empty() ? 0 : 1, part);
   return parts;
 }
 
@@ -293,8 +284,7 @@ void AddFlight(Device& device, const std::vector<std::string>& w) {
     memory.resize(syride::FlightMemorySize(static_cast<uint32_t>(count), w[2] == "new"));
   for (const std::string& n : Split(w[w[0] == "evo" ? 2 : 3], ',')) where.push_back(static_cast<uint8_t>(std::stoi(n)));
   const uint16_t value = static_cast<uint16_t>(std::stoul(w[w[0] == "evo" ? 2 : 3]));
-  device.entries.push_back(
-      Entry(w[0] == "evo" ? 29 : 20, where[0], Start(w, 4, start), static_cast<uint16_t>(seconds)));
+  device.entries.push_back(Entry(evo ? 29 : 20, where[0], Start(w, 4, start), static_cast<uint16_t>(seconds)));
   Bytes& entry = device.entries.back();
   if (w[0] == "evo") {
     PutLe(entry.data() + 6, value, 2);

@@ -43,8 +43,11 @@ struct Device {
   void Receive(const uint8_t* report);
 };
 
-// The USB bus and the run-time loader as the download code sees them.
+// The USB bus and the run-time loader as the download code sees them, for
+// the lifetime of the object.
 struct Bus {
+  Bus();
+  ~Bus();
   std::vector<std::unique_ptr<Device>> devices;  // libusb's list order
   bool libraryMissing = false, initGivesNoContext = false, listEmpty = false;
   std::vector<std::string> missingSymbols, librariesOpened, symbolsLookedUp;
@@ -53,12 +56,6 @@ struct Bus {
 
   Device& Add(Model model, uint32_t major, uint32_t minor);  // an Evolution with a blank waypoint block
   std::string Problems() const;                              // rules broken, handles or lists left open
-};
-
-// Installs `bus` behind the download code for the lifetime of the object.
-struct Installed {
-  explicit Installed(Bus* bus);
-  ~Installed();
 };
 
 // Builds the bus from the setup lines of a scenario (tests/data/syride/scenarios.txt

@@ -17,17 +17,14 @@ namespace target = fuzz::target;
 
 constexpr Target kTargets[] = {
     {"igc_buffer", target::IgcBuffer},
-    {"igc_sentences", target::IgcSentences},
     {"text_codecs", target::TextCodecs},
     {"waypoint_text", target::WaypointText},
-    {"waypoint_fields", target::WaypointFields},
     {"waypoint_file", target::WaypointFile},
     {"config_file", target::ConfigFile},
     {"command_line", target::CommandLine},
     {"fastlz", target::Fastlz},
     {"syride_memory", target::SyrideMemory},
     {"syride_container", target::SyrideContainer},
-    {"syride_download", target::SyrideDownload},
     {"flymaster_dump2xx", target::FlymasterDump2xx},
     {"flymaster_dump_new", target::FlymasterDumpNew},
     {"serial_download", target::SerialDownload},

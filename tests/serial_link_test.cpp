@@ -1,9 +1,6 @@
 // The link layer without a device: the receive loop driven by a clock of
 // the test's own, NMEA framing, and the text helpers no data table covers.
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <termios.h>
-#include <unistd.h>
 
 #include <cstdio>
 #include <limits>
@@ -111,56 +108,6 @@ TEST(SerialLink, NmeaSentencesAreFramedWithTheirChecksum) {
 
 // A pseudo-terminal stands in for the device: the line speed the program
 // sets, bytes both ways, and the settings found there put back on closing.
-TEST(SerialLink, ThePortTakesItsSpeedAndCarriesBytesBothWays) {
-  test::FreshRunParameters();
-  const int master = posix_openpt(O_RDWR | O_NOCTTY);
-  ASSERT_GE(master, 0);
-  ASSERT_EQ(grantpt(master) | unlockpt(master), 0);
-  std::snprintf(tGps.szComPort, sizeof tGps.szComPort, "%s", ptsname(master));
-  auto foundSpeed = [] {
-    termios found{};
-    const int slave = open(tGps.szComPort, O_RDWR | O_NOCTTY);
-    tcgetattr(slave, &found);
-    close(slave);
-    return cfgetospeed(&found);
-  };
-  const speed_t before = foundSpeed();
-  ASSERT_NE(before, B57600);
-  const struct {
-    int32_t open, set;
-    speed_t opened, settled;
-  } cases[] = {
-      {115200, 115200, B115200, B9600}, {57600, 57600, B57600, B57600}, {38400, 38400, B38400, B38400},
-      {19200, 19200, B19200, B19200},   {4800, 4800, B4800, B4800},     {9600, 1200, B9600, B9600},
-      {1200, 9600, B9600, B9600},
-  };
-  for (const auto& c : cases) {
-    testing::internal::CaptureStdout();
-    ASSERT_EQ(OpenComPort(c.open), 0);
-    termios settings{};
-    tcgetattr(hComPort, &settings);
-    EXPECT_EQ(cfgetospeed(&settings), c.opened) << c.open;
-    SetComSpeed(c.set);
-    tcgetattr(hComPort, &settings);
-    EXPECT_EQ(cfgetospeed(&settings), c.settled) << c.set;
-    ASSERT_EQ(write(master, "ab", 2), 2);
-    std::string got;
-    for (int wait = 0; wait < 500 && got.size() < 2; ++wait) {
-      if (NonEmptyComFifoWithSleep(10)) got.push_back(static_cast<char>(ReadComFifo()));
-    }
-    EXPECT_EQ(got, "ab");
-    WriteComString("xyz");
-    char sent[8] = {};
-    EXPECT_EQ(read(master, sent, sizeof sent), 3);
-    EXPECT_STREQ(sent, "xyz");
-    CloseComPort();
-    EXPECT_EQ(foundSpeed(), before) << c.open;
-    EXPECT_EQ(testing::internal::GetCapturedStdout(),
-              "Opened port " + std::string(tGps.szComPort) + "\nStarting COM thread\nExiting COM thread\n");
-  }
-  close(master);
-}
-
 // printf is the oracle: halfway cases (k/128 at six decimals, k/8 at two)
 // round to even, tiny negatives keep their sign, and values out of reach of
 // the exact path still come out whole.

@@ -8,17 +8,14 @@
 namespace fuzz::target {
 
 int IgcBuffer(const uint8_t* data, size_t size);
-int IgcSentences(const uint8_t* data, size_t size);
 int TextCodecs(const uint8_t* data, size_t size);
 int WaypointText(const uint8_t* data, size_t size);
-int WaypointFields(const uint8_t* data, size_t size);
 int WaypointFile(const uint8_t* data, size_t size);
 int ConfigFile(const uint8_t* data, size_t size);
 int CommandLine(const uint8_t* data, size_t size);
 int Fastlz(const uint8_t* data, size_t size);
 int SyrideMemory(const uint8_t* data, size_t size);
 int SyrideContainer(const uint8_t* data, size_t size);
-int SyrideDownload(const uint8_t* data, size_t size);
 int FlymasterDump2xx(const uint8_t* data, size_t size);
 int FlymasterDumpNew(const uint8_t* data, size_t size);
 int SerialDownload(const uint8_t* data, size_t size);

@@ -52,7 +52,8 @@ for target in "${targets[@]}"; do
     continue
   fi
   rm -rf "$empty"
-  replayed=$(find "${known[@]}" -type f | wc -l)
+  replayed=0
+  [ ${#known[@]} -gt 0 ] && replayed=$(find "${known[@]}" -type f | wc -l)
   if [ "$seconds" -eq 0 ]; then
     summary+=("$(printf '%-18s %6d kept inputs replayed' "$target" "$replayed")")
     continue

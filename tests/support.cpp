@@ -11,6 +11,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -26,6 +27,26 @@
 #include "sim/sim.h"
 
 namespace test {
+
+namespace {
+
+// A program's argument vector, made whole before a fork (see RunKestrix).
+class ArgumentVector {
+ public:
+  ArgumentVector(const char* program, const std::vector<std::string>& args) : words_(args) {
+    words_.insert(words_.begin(), program);
+    for (std::string& word : words_) pointers_.push_back(word.data());
+    pointers_.push_back(nullptr);
+  }
+  const char* program() const { return words_[0].c_str(); }
+  char* const* get() const { return pointers_.data(); }
+
+ private:
+  std::vector<std::string> words_;
+  std::vector<char*> pointers_;
+};
+
+}  // namespace
 
 TempDir::TempDir() {
   std::string pattern = (std::filesystem::temp_directory_path() / "kestrix-test-XXXXXX").string();
@@ -60,12 +81,7 @@ RunResult RunKestrix(const std::vector<std::string>& args, const std::string& cw
   // Everything the child needs is made before the fork: a child of a
   // process with other threads must not allocate (a lock held by another
   // thread at the fork is never released in the child).
-  std::string program = KESTRIX_EXE;
-  std::vector<std::string> copies = args;
-  std::vector<char*> argv;
-  argv.push_back(program.data());
-  for (std::string& a : copies) argv.push_back(a.data());
-  argv.push_back(nullptr);
+  const ArgumentVector argv(KESTRIX_EXE, args);
   pid_t pid = fork();
   if (pid < 0) throw std::runtime_error("fork failed");
   if (pid == 0) {
@@ -77,7 +93,7 @@ RunResult RunKestrix(const std::vector<std::string>& args, const std::string& cw
       signal(SIGXFSZ, SIG_IGN);
       if (setrlimit(RLIMIT_FSIZE, &limit) != 0) _exit(125);
     }
-    execv(program.c_str(), argv.data());
+    execv(argv.program(), argv.get());
     _exit(127);
   }
   close(out[1]);
@@ -156,17 +172,12 @@ SimProgram::SimProgram(const std::vector<std::string>& args) {
   int out[2];
   if (pipe2(out, O_CLOEXEC) != 0) throw std::runtime_error("pipe failed");
   // Nothing is allocated after the fork (see RunKestrix).
-  std::string program = KESTRIX_SIM_EXE;
-  std::vector<std::string> copies = args;
-  std::vector<char*> argv;
-  argv.push_back(program.data());
-  for (std::string& a : copies) argv.push_back(a.data());
-  argv.push_back(nullptr);
+  const ArgumentVector argv(KESTRIX_SIM_EXE, args);
   pid_t pid = fork();
   if (pid < 0) throw std::runtime_error("fork failed");
   if (pid == 0) {
     dup2(out[1], STDOUT_FILENO);
-    execv(program.c_str(), argv.data());
+    execv(argv.program(), argv.get());
     _exit(127);
   }
   close(out[1]);
@@ -279,6 +290,15 @@ void FreshRunParameters() {
 std::string CurrentDirectory() { return std::filesystem::current_path().string(); }
 
 void ChangeDirectory(const std::string& dir) { std::filesystem::current_path(dir); }
+
+std::string Format(const char* format, ...) {
+  char text[512];
+  va_list args;
+  va_start(args, format);
+  std::vsnprintf(text, sizeof text, format, args);
+  va_end(args);
+  return text;
+}
 
 }  // namespace test
 

@@ -127,4 +127,7 @@ void InDirectory(const std::string& dir, F body) {
   ChangeDirectory(previous);
 }
 
+// printf into a string (at most 511 characters).
+std::string Format(const char* format, ...) __attribute__((format(printf, 1, 2)));
+
 }  // namespace test

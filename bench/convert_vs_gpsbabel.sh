@@ -46,10 +46,14 @@ for name in pg-oudien-12h pg-oudie-10h-outreturn-task pg-xctrack-10h-fai-task pg
   (cd "$work" && "$kestrix" "-x$name.igc" >/dev/null)
   ours=() theirs=()
   for ((i = 0; i < runs; ++i)); do
+    # kestrix flushes its file to the disk before it replaces the old one;
+    # gpsbabel's output, still in the page cache, would be flushed with it.
+    sync
     start=$(now)
     (cd "$work" && "$kestrix" "-x$name.igc" >/dev/null)
     ours+=($(($(now) - start)))
     [ "$readable" = 1 ] || continue
+    sync
     start=$(now)
     gpsbabel -i igc -f "$work/$name.igc" -o kml -F "$work/$name.gpsbabel.kml"
     theirs+=($(($(now) - start)))

@@ -185,10 +185,4 @@ std::string XmlProblem(const std::string& path) {
   return output.empty() ? "xmllint failed" : output;
 }
 
-std::string XmlTextProblem(const std::string& text) {
-  TempDir dir;
-  dir.Write("document.xml", text);
-  return XmlProblem(dir.File("document.xml"));
-}
-
 }  // namespace test

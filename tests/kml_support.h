@@ -49,7 +49,5 @@ std::string StatisticsBlock(const std::string& document);
 
 // Empty when xmllint finds `path` well-formed, else what it said.
 std::string XmlProblem(const std::string& path);
-// The same for a document held in memory.
-std::string XmlTextProblem(const std::string& text);
 
 }  // namespace test

@@ -22,7 +22,6 @@
 
 #include "core/clock.h"
 #include "core/run.h"
-#include "driver/families.h"
 #include "driver/main.h"
 #include "sim/sim.h"
 
@@ -302,12 +301,3 @@ std::string Format(const char* format, ...) {
 
 }  // namespace test
 
-namespace test {
-
-int32_t RunInstrumentCommand(int32_t (*command)()) { return RunFamilyCommand(*FindFamily(tGps.dwGpsType), command); }
-
-int32_t RunInstrumentCommand(int32_t (*command)(int32_t (*save)()), int32_t (*save)()) {
-  return RunFamilyCommand(*FindFamily(tGps.dwGpsType), command, save);
-}
-
-}  // namespace test

@@ -107,11 +107,6 @@ class FakeStdin {
 // Resets the run parameters the way the program starts: all zero, defaults set.
 void FreshRunParameters();
 
-// Runs an instrument command as the dispatch does: on the port of the run
-// record's type, opened at its line speed and closed afterwards.
-int32_t RunInstrumentCommand(int32_t (*command)());
-int32_t RunInstrumentCommand(int32_t (*command)(int32_t (*save)()), int32_t (*save)());
-
 // Runs `body` with the current directory switched to `dir`.
 template <typename F>
 void InDirectory(const std::string& dir, F body);

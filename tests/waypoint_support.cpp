@@ -9,10 +9,6 @@
 
 namespace test {
 
-void FixedClock(SystemTime* out) { *out = SystemTime{2024, 5, 1, 14, 7, 9}; }
-
-uint32_t FixedClockGpsTime() { return GpsTime(2024, 5, 1, 14, 7, 9); }
-
 uint32_t GpsTime(uint32_t year, uint32_t month, uint32_t day, uint32_t hour, uint32_t minute, uint32_t second) {
   SystemTime time{year, month, day, hour, minute, second};
   return ConvertSystemTimeToGpsTime(&time);

@@ -11,10 +11,6 @@
 
 namespace test {
 
-// 2024-05-01 14:07:09 UTC.
-void FixedClock(SystemTime* out);
-uint32_t FixedClockGpsTime();
-
 uint32_t GpsTime(uint32_t year, uint32_t month, uint32_t day, uint32_t hour, uint32_t minute, uint32_t second);
 
 Waypoint MakeWaypoint(const std::string& id, double latitudeDegrees, double longitudeDegrees, int32_t altitude,

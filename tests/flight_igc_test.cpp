@@ -8,7 +8,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <random>
-#include <set>
 #include <string>
 #include <vector>
 
@@ -86,32 +85,6 @@ TEST_F(IgcFiles, SecurityLineFollowsItsDefinitionAndCoversEveryByte) {
   // Growing the buffer loses no text.
   EXPECT_EQ(plain.size(), small.size() - 19 + 2999 * 37);
   EXPECT_EQ(plain.substr(plain.size() - 32 - 38 - 37, 37), "B0049591000000N02000000EA0299902999\r\n");
-}
-
-TEST_F(IgcFiles, CrcTableAndScrambleAreWhatTheyClaim) {
-  EXPECT_EQ(adwCrc32Table[128], 0xEDB88320u);
-  for (uint32_t i = 0; i < 256; ++i) {
-    const uint8_t byte = static_cast<uint8_t>(i);
-    ASSERT_EQ(~Crc32(byte, 0xFFFFFFFFu), static_cast<uint32_t>(crc32(0L, &byte, 1))) << i;
-  }
-  std::mt19937 rng(7);
-  std::string text;
-  for (int i = 0; i < 4099; ++i) text += static_cast<char>(1 + rng() % 255);
-  uint32_t running = 0xFFFFFFFFu, shorter = 0xFFFFFFFFu;
-  UpdateCrc(text.c_str(), &running);
-  EXPECT_EQ(running, RunningCrc(text));
-  UpdateCrc("abc\0def", &shorter);  // stops at the terminator
-  EXPECT_EQ(shorter, RunningCrc("abc"));
-
-  std::set<int> seen(std::begin(abScramble), std::end(abScramble));
-  EXPECT_EQ(seen.size(), 64u);
-  EXPECT_LT(*seen.rbegin(), 64);
-  // A table that reverses the bit order pins the byte and bit numbering.
-  uint8_t reverse[64];
-  for (int k = 0; k < 64; ++k) reverse[k] = static_cast<uint8_t>(63 - k);
-  uint8_t block[8] = {0x01, 0x80, 0, 0, 0, 0, 0x0F, 0x00};
-  ScrambleString(block, reverse);
-  EXPECT_EQ(std::vector<uint8_t>(block, block + 8), (std::vector<uint8_t>{0x00, 0xF0, 0, 0, 0, 0, 0x01, 0x80}));
 }
 
 TEST_F(IgcFiles, AddIgcStringDoublesAndFreesWhenItCannot) {

@@ -6,11 +6,9 @@
 #include <algorithm>
 #include <filesystem>
 #include <string>
-#include <tuple>
 #include <vector>
 
 #include "core/run.h"
-#include "driver/convert.h"
 #include "flight_support.h"
 #include "igc/igc.h"
 #include "kml_support.h"
@@ -132,29 +130,6 @@ TEST_F(TrackSaving, EncodedIgcCarriesTheConfigurationAndTheSignatureFlag) {
   }
 }
 
-TEST_F(TrackSaving, TrimWritesThePlainPairThenTheTrimmedPair) {
-  Downloaded(40, 40);
-  tGps.bTrim = 1;
-  tGps.nTrimLandingInterval = 60;
-  tGps.nTrimLandingDistance = 50;
-  int32_t result = -1;
-  const std::string out = Save(&result);
-  EXPECT_EQ(result, 0);
-  size_t at = 0;
-  for (const std::string& step : {"File " + kIgc, "File " + kKml, std::string("Track trim results:"),
-                                  std::string("File 2013-07-21_13-05-T.igc"), std::string("File 2013-07-21_13-05-T.kml")}) {
-    at = out.find(step, at);
-    ASSERT_NE(at, std::string::npos) << step << " in\n" << out;
-  }
-  EXPECT_EQ(Files(), (std::vector<std::string>{"2013-07-21_13-05-T.igc", "2013-07-21_13-05-T.kml", kIgc, kKml}));
-  EXPECT_EQ(PointsIn(Read(kIgc)), 80);
-  EXPECT_EQ(KmlPoints(kKml), 80u);
-  const int32_t trimmed = PointsIn(Read("2013-07-21_13-05-T.igc"));
-  EXPECT_GT(trimmed, 39);
-  EXPECT_LT(trimmed, 80);
-  EXPECT_EQ(KmlPoints("2013-07-21_13-05-T.kml"), static_cast<size_t>(trimmed));
-}
-
 TEST_F(TrackSaving, RawInstrumentTextIsWrittenAsItCameUnderBothNames) {
   const std::string raw = test::ReadFile(test::DataFile("igc/pg-iqbasic-8s.igc"));
   ASSERT_GE(DecodeIgcBuffer(reinterpret_cast<const uint8_t*>(raw.data()), static_cast<int32_t>(raw.size()), nullptr, 0), 0);
@@ -175,25 +150,6 @@ TEST_F(TrackSaving, RawInstrumentTextIsWrittenAsItCameUnderBothNames) {
   EXPECT_EQ(KmlPoints(kmlName), 194u);
   EXPECT_EQ(Files(), (std::vector<std::string>{"2023-10-04_14-29-T.igc", rawName, "2023-10-04_14-30-T.kml", kmlName}));
   EXPECT_LT(KmlPoints("2023-10-04_14-30-T.kml"), 194u);
-}
-
-TEST_F(TrackSaving, SkipKeepsExistingFilesAndWithoutItTheyAreReplaced) {
-  test::SetOutputName("same");
-  dir_.Write("same.igc", "kept");
-  Downloaded(20);
-  tGps.bSkipExisting = 1;
-  EXPECT_EQ(Save(), "Making igc log\nFile same.igc already exists\n" + kAnalysis + "File same.kml written, signature OK\n");
-  const std::string firstKml = Read("same.kml");
-  // A name without a folder serves every track of an all-tracks download.
-  Downloaded(30);
-  EXPECT_EQ(Save(), "Making igc log\nFile same.igc already exists\n" + kAnalysis + "File same.kml already exists\n");
-  EXPECT_EQ(Read("same.igc"), "kept");
-  EXPECT_EQ(Read("same.kml"), firstKml);
-  tGps.bSkipExisting = 0;
-  Save();
-  EXPECT_EQ(PointsIn(Read("same.igc")), 30);
-  EXPECT_EQ(KmlPoints("same.kml"), 30u);
-  EXPECT_EQ(Files(), (std::vector<std::string>{"same.igc", "same.kml"}));
 }
 
 TEST_F(TrackSaving, FilesThatCannotBeWrittenAreReportedAndTheNextIsTried) {
@@ -267,45 +223,6 @@ TEST_F(TrackSaving, ChecksRunFirstAndACheckThatLeavesNothingSavesNothing) {
   tGps.dwFileTypes = kFileIgc;
   tGps.dwGpsType = 0;
   EXPECT_EQ(Save(), "Making igc log\nFile flights/2013-07-21_13-05_Ann_Lee.igc written\n");
-}
-
-TEST_F(TrackSaving, ConversionClearsTheSourceSettingsAndStampsTheClock) {
-  test::ClockFixture clock;
-  std::string igc = "AXXX001\r\nHFDTE210713\r\n";
-  for (int i = 0; i < 12; ++i) {
-    char line[64];
-    const int second = 13 * 3600 + 5 * 60 + 10 * i;
-    std::snprintf(line, sizeof line, "B%02d%02d%02d46%05dN00715000EA%05d%05d\r\n", second / 3600, second / 60 % 60,
-                  second % 60, 30000 + 100 * i, 900 + i, 1000 + i);
-    igc += line;
-  }
-  dir_.Write("f.igc", igc);
-  dir_.Write("g.igc", igc.substr(0, igc.size() - 9 * 37));  // three fixes: too few
-  std::snprintf(tGps.szProduct, sizeof tGps.szProduct, "left from before");
-  tGps.bSignature = tGps.bUtc = 1;
-  const std::tuple<std::string, std::string, int32_t> runs[] = {
-      {"f", "Source file decoded (12 points)\n" + kAnalysis + "File f.kml written, NO signature\n", 0},
-      {"g", "Source file decoded (3 points)\nToo few points for a .kml file\n", -1}};
-  for (const auto& [name, out, status] : runs) {
-    test::SetOutputName(name + ".igc");
-    int32_t result = -1;
-    testing::internal::CaptureStdout();
-    test::InDirectory(dir_.path(), [&] { result = TranslateIgcLog(); });
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), out);
-    EXPECT_EQ(result, status);
-    EXPECT_EQ(tGps.bSignature, 0);
-    EXPECT_EQ(tGps.bUtc, 0);
-    EXPECT_EQ(tGps.bPressureAltitude, 1);
-    EXPECT_EQ(tGps.dwDownloadTime, test::FixedClockGpsTime());
-    EXPECT_STREQ(tGps.szProduct, "");
-    EXPECT_EQ(tGps.pTrackPoints, nullptr);  // freed, whatever came of it
-    EXPECT_EQ(tGps.nTrackPoints, 0);
-  }
-  const test::TrackMetadata track = Kml("f.kml");
-  EXPECT_EQ(track.timeOfFirstPoint, "2013-07-21T13:05:00");
-  EXPECT_EQ(track.downloaded.value_or(""), "2024-05-01T14:07:09Z");
-  EXPECT_EQ(test::ListValues(*track.pressure).front(), "900");
-  EXPECT_EQ(test::ListValues(track.seconds).back(), "110");
 }
 
 }  // namespace

@@ -500,48 +500,16 @@ std::string Galileo(const Case& c) {
 
 // --- The driver ----------------------------------------------------------------------------
 
+// A kind is found by its whole name, else by the family before its "-".
 const std::map<std::string, std::function<std::string(const Case&)>>& Kinds() {
   static const std::map<std::string, std::function<std::string(const Case&)>> kinds = {
-      {"uint", Table<Number>},
-      {"int", Table<Number>},
-      {"hex", Table<Number>},
-      {"decimal", Table<Number>},
-      {"date", Table<Calendar>},
-      {"time", Table<Calendar>},
-      {"position", Table<Position>},
-      {"degrees", Table<Degrees>},
-      {"compress", Table<Compress>},
-      {"compress-xml", Table<Compress>},
-      {"nmea", Table<Nmea>},
-      {"flymaster-sentence", FlymasterSentences},
-      {"flymaster-product", FlymasterSentences},
-      {"flymaster-list", FlymasterSentences},
-      {"flymaster-answer", FlymasterSentences},
-      {"flymaster-waypoint", FlymasterSentences},
-      {"flymaster-2xx", FlymasterDumps},
-      {"flymaster-new", FlymasterDumps},
-      {"flymaster-old", FlymasterDumps},
-      {"leonardo-sentence", Leonardo},
-      {"leonardo-product", Leonardo},
-      {"leonardo-list", Leonardo},
-      {"leonardo-block", Leonardo},
-      {"leonardo-select", Leonardo},
-      {"mlr-product", Mlr},
-      {"mlr-version", Mlr},
-      {"mlr-frames", Mlr},
-      {"mlr-log", Mlr},
-      {"ascent-product", Ascent},
-      {"ascent-list", Ascent},
-      {"ascent-packets", Ascent},
-      {"iqbasic-value", Table<IqBasic>},
-      {"iqbasic-list", Table<IqBasic>},
-      {"iqbasic-match", Table<IqBasic>},
-      {"iqbasic-line", Table<IqBasic>},
-      {"galileo-product", Galileo},
-      {"galileo-list", Galileo},
-      {"galileo-waypoint", Galileo},
-      {"galileo-log", Galileo},
-      {"galileo-entry", Galileo},
+      {"uint", Table<Number>},        {"int", Table<Number>},          {"hex", Table<Number>},
+      {"decimal", Table<Number>},     {"date", Table<Calendar>},       {"time", Table<Calendar>},
+      {"position", Table<Position>},  {"degrees", Table<Degrees>},     {"compress", Table<Compress>},
+      {"compress-xml", Table<Compress>}, {"nmea", Table<Nmea>},        {"flymaster", FlymasterSentences},
+      {"flymaster-2xx", FlymasterDumps}, {"flymaster-new", FlymasterDumps}, {"flymaster-old", FlymasterDumps},
+      {"leonardo", Leonardo},         {"mlr", Mlr},                    {"ascent", Ascent},
+      {"iqbasic", Table<IqBasic>},    {"galileo", Galileo},
   };
   return kinds;
 }
@@ -615,6 +583,7 @@ TEST(Decoders, EveryCaseOfTheData) {
   for (const Case& c : cases) {
     SCOPED_TRACE(c.file + ": " + c.name);
     auto kind = Kinds().find(c.kind);
+    if (kind == Kinds().end()) kind = Kinds().find(c.kind.substr(0, c.kind.find('-')));
     ASSERT_NE(kind, Kinds().end()) << "unknown kind " << c.kind;
     ASSERT_GT(c.first, 0) << "no out block";
     got.push_back(kind->second(c));

@@ -9,6 +9,7 @@
 #include <numbers>
 #include <random>
 #include <sstream>
+#include <utility>
 
 #include "core/run.h"
 #include "geo/time.h"
@@ -32,16 +33,19 @@ bool Digits(const std::string& s, size_t from, size_t count) {
 
 int Number(const std::string& s, size_t from, size_t count) { return std::stoi(s.substr(from, count)); }
 
-// Equal times or segment starts every n-th point, as the shape asks.
-void Decorate(std::vector<TrackPoint>* points, const Synthetic& shape) {
-  for (size_t i = 1; i < points->size(); ++i) {
+// The first point starts a segment; equal times or segment starts every
+// n-th point, as the shape asks.
+std::vector<TrackPoint> Decorated(std::vector<TrackPoint> points, const Synthetic& shape) {
+  points[0].dwFlags = kTrackPointNewSegment;
+  for (size_t i = 1; i < points.size(); ++i) {
     if (shape.equalTimeEvery > 0 && i % static_cast<size_t>(shape.equalTimeEvery) == 0) {
-      (*points)[i].dwTime = (*points)[i - 1].dwTime;
+      points[i].dwTime = points[i - 1].dwTime;
     }
     if (shape.segmentEvery > 0 && i % static_cast<size_t>(shape.segmentEvery) == 0) {
-      (*points)[i].dwFlags |= kTrackPointNewSegment;
+      points[i].dwFlags |= kTrackPointNewSegment;
     }
   }
+  return points;
 }
 
 constexpr uint32_t kStartTime = 1000000000;  // 2021-09-14
@@ -156,9 +160,7 @@ std::vector<TrackPoint> Thermalling(const Synthetic& shape, double area) {
     Place noisy{here.east + 3.0 * (unit(random) - 0.5), here.north + 3.0 * (unit(random) - 0.5)};
     points.push_back(PointAt(kStartTime + static_cast<uint32_t>(i), noisy, static_cast<int32_t>(altitude)));
   }
-  points[0].dwFlags = kTrackPointNewSegment;
-  Decorate(&points, shape);
-  return points;
+  return Decorated(std::move(points), shape);
 }
 
 std::vector<TrackPoint> RandomWalk(const Synthetic& shape) {
@@ -175,9 +177,7 @@ std::vector<TrackPoint> RandomWalk(const Synthetic& shape) {
     altitude += (unit(random) - 0.5) * 6.0;
     points.push_back(PointAt(kStartTime + static_cast<uint32_t>(i), here, static_cast<int32_t>(altitude)));
   }
-  points[0].dwFlags = kTrackPointNewSegment;
-  Decorate(&points, shape);
-  return points;
+  return Decorated(std::move(points), shape);
 }
 
 std::vector<TrackPoint> StraightGlide(const Synthetic& shape) {
@@ -188,9 +188,7 @@ std::vector<TrackPoint> StraightGlide(const Synthetic& shape) {
     Place here{2.0 * (unit(random) - 0.5), 10.0 * i + 2.0 * (unit(random) - 0.5)};
     points.push_back(PointAt(kStartTime + static_cast<uint32_t>(i), here, 3000 - i / 10));
   }
-  points[0].dwFlags = kTrackPointNewSegment;
-  Decorate(&points, shape);
-  return points;
+  return Decorated(std::move(points), shape);
 }
 
 std::vector<TrackPoint> OutAndReturnFlight(const Synthetic& shape) {
@@ -210,9 +208,7 @@ std::vector<TrackPoint> OutAndReturnFlight(const Synthetic& shape) {
     Place here{east + 2.0 * (unit(random) - 0.5), north + 2.0 * (unit(random) - 0.5)};
     points.push_back(PointAt(kStartTime + static_cast<uint32_t>(i), here, 1500 + (i % 300)));
   }
-  points[0].dwFlags = kTrackPointNewSegment;
-  Decorate(&points, shape);
-  return points;
+  return Decorated(std::move(points), shape);
 }
 
 std::vector<TrackPoint> TriangleFlight(const Synthetic& shape) {
@@ -243,9 +239,7 @@ std::vector<TrackPoint> TriangleFlight(const Synthetic& shape) {
     Place noisy{shown.east + 4.0 * (unit(random) - 0.5), shown.north + 4.0 * (unit(random) - 0.5)};
     points.push_back(PointAt(kStartTime + static_cast<uint32_t>(i), noisy, 1200 + i % 500));
   }
-  points[0].dwFlags = kTrackPointNewSegment;
-  Decorate(&points, shape);
-  return points;
+  return Decorated(std::move(points), shape);
 }
 
 void LoadTrack(const std::vector<TrackPoint>& points) {

@@ -1,4 +1,4 @@
-# Shared by run.sh, grow.sh and coverage.sh, which set $root (the repository) first.
+# Shared by run.sh and grow.sh, which set $root (the repository) first.
 
 out=$root/fuzz/out
 run() { nice -n "${FUZZ_NICE:-19}" "$@"; }

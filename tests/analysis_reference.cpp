@@ -6,6 +6,7 @@
 #include <cstring>
 #include <algorithm>
 #include <functional>
+#include <unordered_map>
 
 #include "core/run.h"
 #include "geo/conv.h"
@@ -28,6 +29,33 @@ double Dist(const TrackPoint& a, const TrackPoint& b) {
 
 bool Flagged(const TrackPoint& p) { return (p.dwFlags & 1u) != 0; }
 
+// The geodesic between two fixes, each pair measured once: the windowed walks
+// ask for the same pairs again and again. `measured` is false where the
+// formula did not converge.
+class PairDistances {
+ public:
+  explicit PairDistances(const TrackPoint* p) : p_(p) {}
+  bool Get(int32_t a, int32_t b, double* metres) {
+    auto [it, fresh] = known_.try_emplace(static_cast<uint64_t>(static_cast<uint32_t>(a)) << 32 | static_cast<uint32_t>(b));
+    if (fresh) it->second.measured = CalcDistance(Geo(p_[a]), Geo(p_[b]), &it->second.metres) == 0;
+    if (it->second.measured) *metres = it->second.metres;
+    return it->second.measured;
+  }
+  double operator()(int32_t a, int32_t b) {
+    double d = 0.0;
+    Get(a, b, &d);
+    return d;
+  }
+
+ private:
+  struct Pair {
+    bool measured = false;
+    double metres = 0.0;
+  };
+  const TrackPoint* p_;
+  std::unordered_map<uint64_t, Pair> known_;
+};
+
 // --- trim ------------------------------------------------------------------
 
 int32_t Earliest(const TrackPoint* p, int32_t i, int32_t floor, int32_t prepend) {
@@ -39,13 +67,13 @@ int32_t Earliest(const TrackPoint* p, int32_t i, int32_t floor, int32_t prepend)
 // --- statistics --------------------------------------------------------------
 
 // Returns the distance covered walking back over `window` seconds.
-double Walk(const TrackPoint* p, int32_t i, uint32_t window, double* altitude) {
+double Walk(const TrackPoint* p, PairDistances& dist, int32_t i, uint32_t window, double* altitude) {
   double covered = 0.0;
   double alt = p[i].lGpsAltitude;
   uint64_t elapsed = 0;
   int32_t ref = i;
   for (int32_t j = i - 1; j >= 0; j--) {
-    double d = Dist(p[j], p[ref]);
+    double d = dist(j, ref);
     uint32_t dt = p[ref].dwTime - p[j].dwTime;
     if (dt == 0) {
       if (Flagged(p[j])) break;
@@ -476,13 +504,14 @@ int32_t AnalyzeTrack(FlightAnalysis* r) {
   r->nLowestAltitude = static_cast<int32_t>((static_cast<int64_t>(low) + 5) / 10);
   r->nHighestAltitude = static_cast<int32_t>((static_cast<int64_t>(high) + 5) / 10);
   double length = 0.0, top = 0.0, mean = 0.0, sink = 0.0, climbBest = 0.0, climb = 0.0;
+  PairDistances pairs(p);
   for (int32_t i = 1; i < n; i++) {
-    length += Dist(p[i - 1], p[i]);
+    length += pairs(i - 1, i);
     if (p[i - 1].dwTime > p[0].dwTime + 10u) {
       double speed = 0.0;
       if (!Flagged(p[i])) {
         double alt;
-        speed = 0.36 * Walk(p, i, 10, &alt);
+        speed = 0.36 * Walk(p, pairs, i, 10, &alt);
       }
       if (speed > top) top = speed;
     }
@@ -490,7 +519,7 @@ int32_t AnalyzeTrack(FlightAnalysis* r) {
       double speed = 0.0;
       if (!Flagged(p[i])) {
         double alt;
-        speed = 0.06 * Walk(p, i, 60, &alt);
+        speed = 0.06 * Walk(p, pairs, i, 60, &alt);
         climb = (p[i].lGpsAltitude - alt) * 0.001666667;
       }
       if (speed > mean) mean = speed;

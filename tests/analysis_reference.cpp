@@ -29,31 +29,20 @@ double Dist(const TrackPoint& a, const TrackPoint& b) {
 
 bool Flagged(const TrackPoint& p) { return (p.dwFlags & 1u) != 0; }
 
-// The geodesic between two fixes, each pair measured once: the windowed walks
-// ask for the same pairs again and again. `measured` is false where the
-// formula did not converge.
+// Dist between two fixes, each pair measured once: the windowed walks ask for
+// the same pairs again and again.
 class PairDistances {
  public:
   explicit PairDistances(const TrackPoint* p) : p_(p) {}
-  bool Get(int32_t a, int32_t b, double* metres) {
-    auto [it, fresh] = known_.try_emplace(static_cast<uint64_t>(static_cast<uint32_t>(a)) << 32 | static_cast<uint32_t>(b));
-    if (fresh) it->second.measured = CalcDistance(Geo(p_[a]), Geo(p_[b]), &it->second.metres) == 0;
-    if (it->second.measured) *metres = it->second.metres;
-    return it->second.measured;
-  }
   double operator()(int32_t a, int32_t b) {
-    double d = 0.0;
-    Get(a, b, &d);
-    return d;
+    auto [it, fresh] = known_.try_emplace(static_cast<uint64_t>(static_cast<uint32_t>(a)) << 32 | static_cast<uint32_t>(b));
+    if (fresh) it->second = Dist(p_[a], p_[b]);
+    return it->second;
   }
 
  private:
-  struct Pair {
-    bool measured = false;
-    double metres = 0.0;
-  };
   const TrackPoint* p_;
-  std::unordered_map<uint64_t, Pair> known_;
+  std::unordered_map<uint64_t, double> known_;
 };
 
 // --- trim ------------------------------------------------------------------

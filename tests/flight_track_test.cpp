@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "core/memory.h"
 #include "core/run.h"
 #include "flight_support.h"
 #include "geo/conv.h"
@@ -275,7 +276,7 @@ int gAllocations = 0, gFailAt = 0;
 
 TEST(AnalysisShapes, EveryAllocationFailureEndsCleanly) {
   const std::vector<TrackPoint> flight = flights::Thermalling({600, 5, 0, 0});
-  pAnalysisAllocate = [](size_t bytes) { return ++gAllocations == gFailAt ? nullptr : std::malloc(bytes); };
+  pAllocate = [](size_t bytes) { return ++gAllocations == gFailAt ? nullptr : std::malloc(bytes); };
   gAllocations = gFailAt = 0;
   const Analysis whole = Analyze(flight);
   const int allocations = gAllocations;
@@ -300,7 +301,7 @@ TEST(AnalysisShapes, EveryAllocationFailureEndsCleanly) {
       }
     }
   }
-  pAnalysisAllocate = std::malloc;
+  pAllocate = std::malloc;
   EXPECT_EQ(recovered, 3);
 }
 
@@ -413,9 +414,9 @@ TEST(TrackTrim, SinglePointAndAllocationFailure) {
   EXPECT_EQ(Kept(), std::vector<uint32_t>{7});
   // Every allocation failing: the distance bounds fall back to measuring,
   // the trimmed copy cannot be made and the log stays as it was.
-  pAnalysisAllocate = [](size_t) -> void* { return nullptr; };
+  pAllocate = [](size_t) -> void* { return nullptr; };
   const std::string out = Trim(example, Hop(), &result);
-  pAnalysisAllocate = std::malloc;
+  pAllocate = std::malloc;
   EXPECT_EQ(result, -1);
   EXPECT_NE(out.find(Clock(88) + " Takeoff\n"), std::string::npos);
   EXPECT_TRUE(out.ends_with(" Last logged position\n\nMemory allocation error\n")) << out;

@@ -3,7 +3,11 @@
 #include <cstdio>
 #include <new>
 
+#include "core/memory.h"
+
 RunParameters tGps;
+void* (*pAllocate)(size_t bytes) = std::malloc;
+
 std::atomic<int32_t> restartTask{0};
 std::atomic<int32_t> mainThreadActive{0};
 

@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "core/memory.h"
 #include "core/records.h"
 
 constexpr int32_t kComFifoSize = 100000;
@@ -127,7 +128,7 @@ int GrowArray(T** array, int32_t* capacity, int32_t used, int32_t initial) {
   if (*array != nullptr && used < *capacity) return 0;
   if (*array != nullptr && *capacity > INT32_MAX / 2) return -1;
   int32_t wanted = *array == nullptr || *capacity <= 0 ? initial : *capacity * 2;
-  T* grown = static_cast<T*>(std::malloc(sizeof(T) * static_cast<size_t>(wanted)));
+  T* grown = static_cast<T*>(pAllocate(sizeof(T) * static_cast<size_t>(wanted)));
   if (grown == nullptr) return -1;
   if (*array != nullptr && used > 0) std::memcpy(grown, *array, sizeof(T) * static_cast<size_t>(used));
   std::free(*array);

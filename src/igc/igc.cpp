@@ -10,6 +10,7 @@
 #include <cstring>
 #include <memory>
 
+#include "core/memory.h"
 #include "core/run.h"
 #include "geo/conv.h"
 #include "geo/time.h"
@@ -79,7 +80,7 @@ int AddIgcString(char** buffer, int32_t* capacity, int32_t* length, const char* 
   while (static_cast<size_t>(*length) + n + 1u > static_cast<size_t>(*capacity)) {
     char* grown = nullptr;
     if (*capacity > 0 && *capacity <= INT32_MAX / 2) {
-      grown = static_cast<char*>(std::malloc(static_cast<size_t>(*capacity) * 2u));
+      grown = static_cast<char*>(pAllocate(static_cast<size_t>(*capacity) * 2u));
     }
     if (grown == nullptr) {
       std::free(*buffer);
@@ -102,7 +103,7 @@ int32_t EncodeIgcLog(const TrackPoint* points, uint32_t count, const char* pilot
                      const char* aRecordPrefix, const IgcHeaderLine* extraLines, int32_t extraCount,
                      uint32_t downloadTime, char** result, int32_t security) {
   if (points == nullptr) count = 0;
-  char* buffer = static_cast<char*>(std::malloc(kIgcInitialSize));
+  char* buffer = static_cast<char*>(pAllocate(kIgcInitialSize));
   if (buffer == nullptr) return -1;
   buffer[0] = '\0';
   int32_t capacity = kIgcInitialSize;
@@ -500,7 +501,7 @@ int32_t ReadSourceFile(const char* path, SourceText* text, int32_t* length) {
     }
   }
 #endif
-  uint8_t* bytes = size > INT32_MAX ? nullptr : static_cast<uint8_t*>(std::malloc(static_cast<size_t>(size)));
+  uint8_t* bytes = size > INT32_MAX ? nullptr : static_cast<uint8_t*>(pAllocate(static_cast<size_t>(size)));
   if (bytes == nullptr) {
     std::printf("Could not allocate memory for source file\n");
     return -1;

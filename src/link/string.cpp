@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "core/memory.h"
 #include "core/records.h"
 #include "geo/conv.h"
 
@@ -384,14 +385,14 @@ int AddLogTxt(TextBuffer* buffer) {
     lineLength = static_cast<int32_t>(strnlen(buffer->line, 255));
   }
   if (buffer->data == nullptr) {
-    buffer->data = static_cast<char*>(std::malloc(kTextBufferInitialSize));
+    buffer->data = static_cast<char*>(pAllocate(kTextBufferInitialSize));
     if (buffer->data == nullptr) return -1;
     buffer->capacity = kTextBufferInitialSize;
     buffer->length = 0;
     buffer->data[0] = '\0';
   }
   if (buffer->length + lineLength + 1 >= buffer->capacity) {
-    char* grown = static_cast<char*>(std::malloc(static_cast<size_t>(buffer->capacity) * 2));
+    char* grown = static_cast<char*>(pAllocate(static_cast<size_t>(buffer->capacity) * 2));
     if (grown == nullptr) {
       std::free(buffer->data);
       buffer->data = nullptr;

@@ -8,6 +8,7 @@
 #include <cstring>
 #include <memory>
 
+#include "core/memory.h"
 #include "core/run.h"
 #include "geo/conv.h"
 #include "geo/time.h"
@@ -75,7 +76,7 @@ int32_t RoundHalfAway(double value) {
 // ----- Writing ---------------------------------------------------------------
 
 int StartText(TextBuffer* text) {
-  text->data = static_cast<char*>(std::malloc(kTextBufferInitialSize));
+  text->data = static_cast<char*>(pAllocate(kTextBufferInitialSize));
   if (text->data == nullptr) return -1;
   text->capacity = kTextBufferInitialSize;
   text->length = 0;
@@ -659,7 +660,7 @@ int32_t ReadWaypointFile() {
     return -1;
   }
   const size_t length = static_cast<size_t>(size);
-  std::unique_ptr<char, MemoryFree> text(static_cast<char*>(std::malloc(length + 1)));
+  std::unique_ptr<char, MemoryFree> text(static_cast<char*>(pAllocate(length + 1)));
   if (text == nullptr) {
     std::printf("File buffer memory allocation error\n");
     return -1;

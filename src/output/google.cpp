@@ -8,6 +8,7 @@
 #include <cstring>
 #include <utility>
 
+#include "core/memory.h"
 #include "core/run.h"
 #include "geo/conv.h"
 #include "geo/time.h"
@@ -70,7 +71,7 @@ int Reserve(TextBuffer* text, int64_t needed) {
   while (needed + 1 >= capacity) capacity *= 2;
   if (capacity > INT32_MAX) return -1;
   if (capacity != text->capacity) {
-    char* grown = static_cast<char*>(std::malloc(static_cast<size_t>(capacity)));
+    char* grown = static_cast<char*>(pAllocate(static_cast<size_t>(capacity)));
     if (grown == nullptr) return -1;
     std::memcpy(grown, text->data, static_cast<size_t>(text->length) + 1);
     std::free(text->data);
@@ -420,7 +421,7 @@ int32_t MakeGoogleTrack(const FlightAnalysis* record, GoogleTrack* track) {
   // Pages never written are never touched.
   const int64_t room = int64_t{kListRoomPerPoint} * count + kDocumentRoom;
   if (room < INT32_MAX) {
-    track->text.data = static_cast<char*>(std::malloc(static_cast<size_t>(room)));
+    track->text.data = static_cast<char*>(pAllocate(static_cast<size_t>(room)));
     if (track->text.data == nullptr) return -1;
     track->text.capacity = static_cast<int32_t>(room);
     track->text.length = 0;

@@ -7,6 +7,7 @@
 
 #include "core/bytes.h"
 #include "core/console.h"
+#include "core/memory.h"
 #include "core/run.h"
 #include "geo/time.h"
 #include "igc/igc.h"
@@ -47,7 +48,7 @@ void FreeSection(Section* s) {
 int32_t MakeRoom(Section* s) {
   if (s->capacity - s->length >= 3) return 0;
   int32_t wanted = s->capacity * 2;
-  auto* grown = static_cast<uint8_t*>(std::malloc(static_cast<size_t>(wanted)));
+  auto* grown = static_cast<uint8_t*>(pAllocate(static_cast<size_t>(wanted)));
   if (grown == nullptr) return -1;
   std::memcpy(grown, s->data, static_cast<size_t>(s->length));
   std::free(s->data);
@@ -122,7 +123,7 @@ int32_t AllocateSections(FlightTransfer* t) {
     Section& s = t->sections[i];
     FreeSection(&s);
     s.number = i + 1;
-    s.data = static_cast<uint8_t*>(std::malloc(static_cast<size_t>(kSectionCapacities[i])));
+    s.data = static_cast<uint8_t*>(pAllocate(static_cast<size_t>(kSectionCapacities[i])));
     if (s.data == nullptr) {
       for (Section& each : t->sections) FreeSection(&each);
       return -1;
@@ -183,7 +184,7 @@ int32_t JoinSections(const FlightTransfer* t, uint8_t** text, int32_t* length) {
     if (t->sections[i].length == 0) return -1;
   }
   int32_t total = t->sections[1].length + t->sections[2].length + t->sections[3].length;
-  auto* joined = static_cast<uint8_t*>(std::malloc(static_cast<size_t>(total)));
+  auto* joined = static_cast<uint8_t*>(pAllocate(static_cast<size_t>(total)));
   if (joined == nullptr) return -1;
   int32_t at = 0;
   for (int i = 1; i < 4; ++i) {

@@ -8,6 +8,7 @@
 
 #include "core/bytes.h"
 #include "core/console.h"
+#include "core/memory.h"
 #include "core/run.h"
 #include "geo/conv.h"
 #include "geo/time.h"
@@ -137,7 +138,7 @@ int32_t ReceiveDump(Buffer<uint8_t>* buffer, int64_t silence, int32_t* received,
 // message when memory runs out (or, silently, for a track not in the list).
 Buffer<uint8_t> RequestDump(const FlymasterTransfer* t, int32_t trackNumber, const char* mode, uint32_t* downloadTime) {
   if (!ValidTrackNumber(t, trackNumber)) return nullptr;
-  Buffer<uint8_t> buffer(static_cast<uint8_t*>(std::malloc(kDumpSize)));
+  Buffer<uint8_t> buffer(static_cast<uint8_t*>(pAllocate(kDumpSize)));
   if (buffer == nullptr) {
     std::printf("Memory allocation error\n");
     return nullptr;
@@ -161,7 +162,7 @@ class IgcText {
   ~IgcText() { std::free(data_); }
 
   bool Start() {
-    data_ = static_cast<char*>(std::malloc(kIgcInitialSize));
+    data_ = static_cast<char*>(pAllocate(kIgcInitialSize));
     if (data_ == nullptr) return false;
     data_[0] = '\0';
     capacity_ = kIgcInitialSize;
@@ -745,7 +746,7 @@ int32_t ConvertDump2xx(const uint8_t* dump, int32_t length, const char* serial, 
 
 int32_t SaveDebugData(const uint8_t* bytes, int32_t length) {
   if (length < 0) length = 0;
-  Buffer<uint8_t> scrambled(static_cast<uint8_t*>(std::malloc(static_cast<size_t>(length) + 1)));
+  Buffer<uint8_t> scrambled(static_cast<uint8_t*>(pAllocate(static_cast<size_t>(length) + 1)));
   if (scrambled == nullptr) {
     std::printf("Saving debug data: Memory allocation error\n");
     return -1;

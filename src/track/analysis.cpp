@@ -19,12 +19,11 @@
 #include <utility>
 
 #include "core/console.h"
+#include "core/memory.h"
 #include "core/run.h"
 #include "geo/conv.h"
 #include "geo/time.h"
 #include "track/parallel.h"
-
-void* (*pAnalysisAllocate)(size_t bytes) = std::malloc;
 
 namespace {
 
@@ -43,19 +42,19 @@ bool WantsLargePages(size_t bytes) {
 #endif
 }
 
-// A table from pAnalysisAllocate, freed on every way out.
+// A table from pAllocate, freed on every way out.
 template <typename T>
 class Table {
  public:
   explicit Table(size_t count) {
     const size_t bytes = std::max<size_t>(count, 1) * sizeof(T);
     if (!WantsLargePages(bytes)) {
-      raw_ = pAnalysisAllocate(bytes);
+      raw_ = pAllocate(bytes);
       data_ = static_cast<T*>(raw_);
       return;
     }
     // Two large pages more: one to align, one for the rounding up.
-    raw_ = pAnalysisAllocate(bytes + 2 * kLargePage);
+    raw_ = pAllocate(bytes + 2 * kLargePage);
     if (raw_ == nullptr) return;
     const uintptr_t aligned = (reinterpret_cast<uintptr_t>(raw_) + kLargePage - 1) & ~(uintptr_t{kLargePage} - 1);
     data_ = reinterpret_cast<T*>(aligned);
@@ -544,7 +543,7 @@ int32_t TrimTrack() {
   PrintTrimInformation(count - 1, "Last logged position\n");
 
   const int32_t kept = landing - takeoff + 1;
-  auto* trimmed = static_cast<TrackPoint*>(pAnalysisAllocate(sizeof(TrackPoint) * static_cast<size_t>(kept)));
+  auto* trimmed = static_cast<TrackPoint*>(pAllocate(sizeof(TrackPoint) * static_cast<size_t>(kept)));
   if (trimmed == nullptr) {
     std::printf("Memory allocation error\n");
     return -1;

@@ -171,6 +171,3 @@ struct SampledTriangles {
 int32_t FindSampledTriangles(const uint32_t* distance, int32_t count, const uint32_t* gap, const uint32_t* pair,
                              SampledTriangles* result);
 
-// Every table of this module comes from this allocator (malloc by default);
-// tests put a failing one in its place to walk the failure paths.
-extern void* (*pAnalysisAllocate)(size_t bytes);

@@ -18,6 +18,7 @@
 
 #include "core/bytes.h"
 #include "core/console.h"
+#include "core/memory.h"
 #include "core/run.h"
 #include "geo/conv.h"
 #include "geo/time.h"
@@ -482,7 +483,7 @@ int32_t ReadSelectedTrack(SyrideDevice* device, int32_t index) {
   if (evolution) return DecodeEvolutionFlightMemory(memory.get(), expected);
 
   uint32_t room = flight.dwDuration > 0 ? flight.dwDuration : 1;
-  auto* points = static_cast<TrackPoint*>(std::malloc(sizeof(TrackPoint) * room));
+  auto* points = static_cast<TrackPoint*>(pAllocate(sizeof(TrackPoint) * room));
   if (points == nullptr) {
     std::printf("Memory allocation error\n");
     return -1;
@@ -624,7 +625,7 @@ int32_t DecodeEvolutionFlightMemory(const uint8_t* buffer, uint32_t length) {
       declared = ReadUnsignedLong(data);
       if (declared == 0) return DecompressFailure("Decompress: Zero decompressed size\n", output);
       // The raw log counts its bytes in a signed 32-bit field.
-      if (declared <= INT32_MAX) output = static_cast<uint8_t*>(std::malloc(declared));
+      if (declared <= INT32_MAX) output = static_cast<uint8_t*>(pAllocate(declared));
       if (output == nullptr) return DecompressFailure("Decompress: Memory allocation error\n", output);
     } else if (id == kChunkData && output != nullptr) {
       if (options != kStored && options != kCompressed) {

@@ -3,7 +3,7 @@
 // at, every byte up to kEveryByte and at a sample of the bytes beyond. Each
 // time the program must end, open and close the port once, print at most
 // one line that the fault-free run does not print, and leave no file or a
-// complete one.
+// complete one. So must memory running out at each allocation.
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -154,13 +154,35 @@ std::string Record(size_t a) {
 
 class Faults : public testing::TestWithParam<size_t> {};
 
-TEST_P(Faults, EveryCutAndCorruptByteEndsCleanly) {
+TEST_P(Faults, EveryCutAndCorruptByteAndFailedAllocationEndsCleanly) {
   const std::string script = Record(GetParam());
   ASSERT_GT(script.size(), 2u);
+  test::FailingAllocation memory;
   const Replayed clean = Replay(script);
+  const int allocations = memory.count;
   ASSERT_EQ(clean.outcome.opens, 1);
   ASSERT_EQ(clean.problem, "");
   const std::set<std::string> cleanLines = Lines(clean.out);
+
+  // False once a run broke: one is enough to read.
+  auto endsCleanly = [&](const std::string& faulty, const std::string& fault) {
+    const Replayed run = Replay(faulty);
+    SCOPED_TRACE(fault + "\n" + test::Escape(run.out));
+    EXPECT_EQ(run.outcome.opens, 1);
+    EXPECT_EQ(run.outcome.closes, 1);
+    EXPECT_EQ(run.problem, "");
+    // The transfer says what went wrong once; the saving that may follow
+    // has messages of its own about the track that came.
+    std::vector<std::string> added;
+    const std::string transfer = run.out.substr(0, run.out.find("Exiting COM thread\n"));
+    for (const std::string& line : Lines(transfer)) {
+      const bool saving = line.starts_with("File ") || line.starts_with("Raw igc log") ||
+                          line.starts_with("Too few points");  // an all-tracks download saves as it goes
+      if (!cleanLines.contains(line) && !Damaged(line, cleanLines) && !saving) added.push_back(line);
+    }
+    EXPECT_LE(added.size(), 1u) << testing::PrintToString(added);
+    return !testing::Test::HasFailure();
+  };
 
   const size_t bytes = AnswerBytes(script);
   std::vector<size_t> positions;
@@ -171,23 +193,13 @@ TEST_P(Faults, EveryCutAndCorruptByteEndsCleanly) {
   }
   for (bool cut : {true, false}) {
     for (size_t at : positions) {
-      const Replayed run = Replay(Faulty(script, at, cut));
-      SCOPED_TRACE((cut ? "silent from byte " : "byte corrupted: ") + std::to_string(at) + "\n" + test::Escape(run.out));
-      EXPECT_EQ(run.outcome.opens, 1);
-      EXPECT_EQ(run.outcome.closes, 1);
-      EXPECT_EQ(run.problem, "");
-      // The transfer says what went wrong once; the saving that may follow
-      // has messages of its own about the track that came.
-      std::vector<std::string> added;
-      const std::string transfer = run.out.substr(0, run.out.find("Exiting COM thread\n"));
-      for (const std::string& line : Lines(transfer)) {
-        const bool saving = line.starts_with("File ") || line.starts_with("Raw igc log") ||
-                            line.starts_with("Too few points");  // an all-tracks download saves as it goes
-        if (!cleanLines.contains(line) && !Damaged(line, cleanLines) && !saving) added.push_back(line);
-      }
-      EXPECT_LE(added.size(), 1u) << testing::PrintToString(added);
-      if (testing::Test::HasFailure()) return;  // one broken run is enough to read
+      const std::string fault = (cut ? "silent from byte " : "byte corrupted: ") + std::to_string(at);
+      if (!endsCleanly(Faulty(script, at, cut), fault)) return;
     }
+  }
+  for (int number = 1; number <= allocations; ++number) {
+    memory.FailAt(number);
+    if (!endsCleanly(script, "allocation failing: " + std::to_string(number))) return;
   }
 }
 

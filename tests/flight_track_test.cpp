@@ -272,20 +272,17 @@ TEST(AnalysisShapes, WindowsStopAtSegmentStartsAndTimeGoingBackAndSkipEqualTimes
   EXPECT_DOUBLE_EQ(speed, expected);
 }
 
-int gAllocations = 0, gFailAt = 0;
-
 TEST(AnalysisShapes, EveryAllocationFailureEndsCleanly) {
   const std::vector<TrackPoint> flight = flights::Thermalling({600, 5, 0, 0});
-  pAllocate = [](size_t bytes) { return ++gAllocations == gFailAt ? nullptr : std::malloc(bytes); };
-  gAllocations = gFailAt = 0;
+  test::FailingAllocation fault;
   const Analysis whole = Analyze(flight);
-  const int allocations = gAllocations;
+  const int allocations = fault.count;
   ASSERT_GT(allocations, 10);
   const size_t statistics = offsetof(FlightAnalysis, tFivePoint) - offsetof(FlightAnalysis, dwStartTime);
   int recovered = 0;
-  for (gFailAt = 1; gFailAt <= allocations; ++gFailAt) {
-    SCOPED_TRACE(gFailAt);
-    gAllocations = 0;
+  for (int failAt = 1; failAt <= allocations; ++failAt) {
+    SCOPED_TRACE(failAt);
+    fault.FailAt(failAt);
     const Analysis a = Analyze(flight);
     EXPECT_EQ(std::memcmp(&a.record.dwStartTime, &whole.record.dwStartTime, statistics), 0);
     if (a.result == 0) {  // only the windowed walks' cache is optional
@@ -301,7 +298,6 @@ TEST(AnalysisShapes, EveryAllocationFailureEndsCleanly) {
       }
     }
   }
-  pAllocate = std::malloc;
   EXPECT_EQ(recovered, 3);
 }
 

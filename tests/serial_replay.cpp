@@ -9,8 +9,10 @@
 #include <cstring>
 #include <numbers>
 #include <string_view>
+#include <utility>
 
 #include "core/clock.h"
+#include "core/memory.h"
 #include "core/run.h"
 #include "driver/families.h"
 #include "driver/main.h"
@@ -114,11 +116,14 @@ Waypoint MakeWaypoint(const char* id, const char* comment, double latitude, doub
   return w;
 }
 
-// Uploads need something to send: names that need the alphabet rules.
+// Uploads need something to send: names that need the alphabet rules. The
+// list is there before the command starts, whatever memory faults it meets.
 void LoadWaypoints() {
+  auto* const allocate = std::exchange(pAllocate, std::malloc);
   AppendWaypoint(MakeWaypoint("COL", "Col d'Aze", 46.504, 7.258, 1250));
   AppendWaypoint(MakeWaypoint("low", "low meadow\xe9", -33.5, -70.25, 12));
   AppendWaypoint(MakeWaypoint("TOPTOP", "summit of the long ridge to the east", 45.0, 179.99, 4810));
+  pAllocate = allocate;
 }
 
 void Prepare(const Action& action, uint8_t flight) {

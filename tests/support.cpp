@@ -21,6 +21,7 @@
 #include <stdexcept>
 
 #include "core/clock.h"
+#include "core/memory.h"
 #include "core/run.h"
 #include "driver/main.h"
 #include "sim/sim.h"
@@ -280,6 +281,12 @@ std::vector<std::string> FilesIn(const std::string& folder) {
 }
 
 std::string DataFile(const std::string& relative) { return std::string(KESTRIX_TEST_DATA) + "/" + relative; }
+
+FailingAllocation::FailingAllocation() {
+  FailAt(0);
+  pAllocate = [](size_t bytes) { return ++count == failAt ? nullptr : std::malloc(bytes); };
+}
+FailingAllocation::~FailingAllocation() { pAllocate = std::malloc; }
 
 void FreshRunParameters() {
   ResetRunParameters();

@@ -104,6 +104,15 @@ class FakeStdin {
   int saved_;
 };
 
+// While it lives, allocations through pAllocate are counted from 1, and
+// the one numbered failAt (none at first) fails.
+struct FailingAllocation {
+  FailingAllocation();
+  ~FailingAllocation();
+  void FailAt(int number) { count = 0, failAt = number; }  // and counts from 1 again
+  static inline int count = 0, failAt = 0;
+};
+
 // Resets the run parameters the way the program starts: all zero, defaults set.
 void FreshRunParameters();
 

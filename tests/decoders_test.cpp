@@ -399,8 +399,7 @@ std::string Ascent(const Case& c) {
   // ascent-packets: the answer to the last byte of every packet, then the sections and their join.
   ascent::FlightTransfer t;
   ascent::AllocateSections(&t);
-  test::FailingAllocation memory;  // "set memory N": the decoder's allocation N fails
-  memory.FailAt(static_cast<int>(c.Number("memory")));
+  const test::FailingAllocation memory(static_cast<int>(c.Number("memory")));  // its allocation N fails
   for (const std::string& in : c.inputs) {
     int32_t r = 0;
     for (size_t i = 0; i < in.size(); ++i) {

@@ -6,7 +6,6 @@
 // complete one. So must memory running out at each allocation.
 #include <gtest/gtest.h>
 
-#include <cstring>
 #include <algorithm>
 #include <filesystem>
 #include <functional>
@@ -125,12 +124,12 @@ std::string Faulty(const std::string& script, size_t at, bool cut) {
 }
 
 size_t AnswerBytes(const std::string& script) {
-  size_t bytes = script.size() - 2, separators = 0;
-  for (size_t at = script.find(replay::kSeparator); at != std::string::npos;
-       at = script.find(replay::kSeparator, at + 1)) {
-    ++separators;
+  const std::string separator = replay::kSeparator;
+  size_t bytes = script.size() - 2;
+  for (size_t at = script.find(separator); at != std::string::npos; at = script.find(separator, at + 1)) {
+    bytes -= separator.size();
   }
-  return bytes - separators * std::strlen(replay::kSeparator);
+  return bytes;
 }
 
 // The conversation of action `a` with its family's simulated instrument,
@@ -159,7 +158,7 @@ TEST_P(Faults, EveryCutAndCorruptByteAndFailedAllocationEndsCleanly) {
   ASSERT_GT(script.size(), 2u);
   test::FailingAllocation memory;
   const Replayed clean = Replay(script);
-  const int allocations = memory.count;
+  const int allocations = memory.count;  // of the fault-free run
   ASSERT_EQ(clean.outcome.opens, 1);
   ASSERT_EQ(clean.problem, "");
   const std::set<std::string> cleanLines = Lines(clean.out);
@@ -193,8 +192,7 @@ TEST_P(Faults, EveryCutAndCorruptByteAndFailedAllocationEndsCleanly) {
   }
   for (bool cut : {true, false}) {
     for (size_t at : positions) {
-      const std::string fault = (cut ? "silent from byte " : "byte corrupted: ") + std::to_string(at);
-      if (!endsCleanly(Faulty(script, at, cut), fault)) return;
+      if (!endsCleanly(Faulty(script, at, cut), (cut ? "silent from byte " : "byte corrupted: ") + std::to_string(at))) return;
     }
   }
   for (int number = 1; number <= allocations; ++number) {

@@ -95,11 +95,10 @@ std::string Waypoints() {
 
 std::string IgcRead(const Case& c) {
   const std::vector<std::string>& args = c.args;
-  const std::string& input = c.input;
   char field[51] = {};
   const bool withField = !args.empty();
   if (withField) std::snprintf(field, sizeof field, "%s", args[0].c_str());
-  std::vector<uint8_t> bytes(input.begin(), input.end());  // exactly the text: no terminator to lean on
+  std::vector<uint8_t> bytes(c.input.begin(), c.input.end());  // exactly the text: no terminator to lean on
   int32_t result = 0;
   std::string s = Printed([&] {
     return DecodeIgcBuffer(bytes.data(), static_cast<int32_t>(bytes.size()), withField ? field : nullptr,
@@ -113,9 +112,8 @@ std::string IgcRead(const Case& c) {
 }
 
 std::string IgcDate(const Case& c) {
-  const std::string& input = c.input;
   std::string s;
-  std::istringstream lines(input);
+  std::istringstream lines(c.input);
   for (std::string line; std::getline(lines, line);) {
     uint32_t gps = 77;
     const int result = DecodeDateSentence(line.c_str(), &gps);
@@ -128,9 +126,8 @@ std::string IgcDate(const Case& c) {
 }
 
 std::string IgcPos(const Case& c) {
-  const std::string& input = c.input;
   std::string s;
-  std::istringstream lines(input);
+  std::istringstream lines(c.input);
   for (std::string line; std::getline(lines, line);) {
     TrackPoint p{9, 9, 9, 9, 9, 9};
     const int result = DecodePosSentence(line.c_str(), &p);
@@ -195,9 +192,8 @@ std::string IgcWrite(const Case& c) {
 
 std::string WaypointRead(int32_t (*decoder)(char*), const Case& c) {
   const std::vector<std::string>& args = c.args;
-  const std::string& input = c.input;
   tGps.bSilent = !args.empty() && args[0] == "silent";
-  std::vector<char> text(input.begin(), input.end());
+  std::vector<char> text(c.input.begin(), c.input.end());
   text.push_back('\0');
   int32_t result = 0;
   std::string s = Printed([&] { return decoder(text.data()); }, &result);
@@ -209,11 +205,10 @@ std::string WaypointRead(int32_t (*decoder)(char*), const Case& c) {
 
 std::string Split(const Case& c) {
   const std::vector<std::string>& args = c.args;
-  const std::string& input = c.input;
   char* (*extract)(char*, char**) = args.at(0) == "line" ? ExtractLine
                                     : args[0] == "comma" ? ExtractCommaItem
                                                          : ExtractSpaceItem;
-  std::vector<char> buffer(input.begin(), input.end());
+  std::vector<char> buffer(c.input.begin(), c.input.end());
   buffer.push_back('\0');
   std::string s;
   for (char* rest = buffer.data(); rest != nullptr;) {
@@ -225,9 +220,8 @@ std::string Split(const Case& c) {
 }
 
 std::string WaypointFields(const Case& c) {
-  const std::string& input = c.input;
   std::string s;
-  std::istringstream lines(input);
+  std::istringstream lines(c.input);
   for (std::string line; std::getline(lines, line);) {
     char id[7] = "junk", comment[41];
     std::memset(comment, '#', sizeof comment);

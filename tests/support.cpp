@@ -282,8 +282,8 @@ std::vector<std::string> FilesIn(const std::string& folder) {
 
 std::string DataFile(const std::string& relative) { return std::string(KESTRIX_TEST_DATA) + "/" + relative; }
 
-FailingAllocation::FailingAllocation() {
-  FailAt(0);
+FailingAllocation::FailingAllocation(int number) {
+  FailAt(number);
   pAllocate = [](size_t bytes) { return ++count == failAt ? nullptr : std::malloc(bytes); };
 }
 FailingAllocation::~FailingAllocation() { pAllocate = std::malloc; }

@@ -105,9 +105,9 @@ class FakeStdin {
 };
 
 // While it lives, allocations through pAllocate are counted from 1, and
-// the one numbered failAt (none at first) fails.
+// the one numbered failAt (0: none) fails.
 struct FailingAllocation {
-  FailingAllocation();
+  explicit FailingAllocation(int number = 0);
   ~FailingAllocation();
   void FailAt(int number) { count = 0, failAt = number; }  // and counts from 1 again
   static inline int count = 0, failAt = 0;

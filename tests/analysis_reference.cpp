@@ -179,11 +179,13 @@ void Closing(Triangular& d, Triangular* gap, Triangular* pair) {
 void Triangles(Triangular& d, Triangular& gap, Triangular& pair, SampledTriangles* out) {
   const int32_t n = d.n;
   // A full copy, so that the distances to the third corner are read along a row.
-  std::vector<uint32_t> square(static_cast<size_t>(n) * static_cast<size_t>(n));
+  // Each point's longest leg bounds the two legs through b.
+  std::vector<uint32_t> square(static_cast<size_t>(n) * static_cast<size_t>(n)), longest(static_cast<size_t>(n));
   for (int32_t a = 0; a < n; a++) {
     for (int32_t b = a; b < n; b++) {
       square[static_cast<size_t>(a) * static_cast<size_t>(n) + static_cast<size_t>(b)] = d.At(a, b);
       square[static_cast<size_t>(b) * static_cast<size_t>(n) + static_cast<size_t>(a)] = d.At(a, b);
+      longest[a] = std::max(longest[a], d.At(a, b)), longest[b] = std::max(longest[b], d.At(a, b));
     }
   }
   int64_t flat = -1, fai = -1;
@@ -198,6 +200,8 @@ void Triangles(Triangular& d, Triangular& gap, Triangular& pair, SampledTriangle
       int32_t e = static_cast<int32_t>(pairs[c] & 0xFFFF);
       int64_t closing = gaps[c];
       int64_t ac = rowA[c];
+      // No b can reach the FAI score found, nor so the flat one, which is never below it.
+      if (ac + longest[a] + longest[c] - closing < fai) continue;
       const uint32_t* rowC = square.data() + static_cast<size_t>(c) * static_cast<size_t>(n);
       for (int32_t b = a + 1; b < c; b++) {
         int64_t ab = rowA[b], bc = rowC[b];

@@ -16,18 +16,12 @@ struct Target {
 namespace target = fuzz::target;
 
 constexpr Target kTargets[] = {
-    {"igc_buffer", target::IgcBuffer},
-    {"text_codecs", target::TextCodecs},
-    {"waypoint_text", target::WaypointText},
-    {"waypoint_file", target::WaypointFile},
-    {"config_file", target::ConfigFile},
-    {"command_line", target::CommandLine},
-    {"fastlz", target::Fastlz},
-    {"syride_memory", target::SyrideMemory},
-    {"syride_container", target::SyrideContainer},
-    {"flymaster_dump2xx", target::FlymasterDump2xx},
-    {"flymaster_dump_new", target::FlymasterDumpNew},
-    {"serial_download", target::SerialDownload},
+    {"igc_buffer", target::IgcBuffer},         {"text_codecs", target::TextCodecs},
+    {"waypoint_text", target::WaypointText},   {"waypoint_file", target::WaypointFile},
+    {"config_file", target::ConfigFile},       {"command_line", target::CommandLine},
+    {"fastlz", target::Fastlz},                {"syride_memory", target::SyrideMemory},
+    {"syride_container", target::SyrideContainer}, {"flymaster_dump2xx", target::FlymasterDump2xx},
+    {"flymaster_dump_new", target::FlymasterDumpNew}, {"serial_download", target::SerialDownload},
 };
 
 int (*chosen)(const uint8_t*, size_t) = nullptr;

@@ -409,16 +409,12 @@ using Operation = std::function<std::string(const Case&)>;
 
 const std::map<std::string, Operation>& Operations() {
   static const std::map<std::string, Operation> operations = {
-      {"igc-read", IgcRead},
-      {"igc-date", IgcDate},
-      {"igc-position", IgcPos},
-      {"igc-write", IgcWrite},
+      {"igc-read", IgcRead},        {"igc-date", IgcDate},
+      {"igc-position", IgcPos},     {"igc-write", IgcWrite},
       {"waypoints-ozi", [](const Case& c) { return WaypointRead(DecodeOziWpts, c); }},
       {"waypoints-geo", [](const Case& c) { return WaypointRead(DecodeGeoWpts, c); }},
-      {"waypoint-split", Split},
-      {"waypoint-fields", WaypointFields},
-      {"file-names", FileNames},
-      {"kml", Kml},
+      {"waypoint-split", Split},    {"waypoint-fields", WaypointFields},
+      {"file-names", FileNames},    {"kml", Kml},
       {"track-checks", TrackChecks}};
   return operations;
 }

@@ -4,7 +4,7 @@
 set -euo pipefail
 
 packages=(
-  build-essential cmake pkg-config
+  build-essential cmake ninja-build pkg-config
   libhidapi-dev libusb-1.0-0-dev
   googletest libgtest-dev libgmock-dev libbenchmark-dev
   libgeographiclib-dev zlib1g-dev libssl-dev libxml2-utils gpsbabel

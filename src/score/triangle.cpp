@@ -16,6 +16,7 @@
 // exact geodesics. The search stops when no node's bound beats the best
 // triangle: that triangle is optimal.
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <limits>
 #include <memory>
@@ -222,7 +223,7 @@ void TriangleSearch::Push(uint32_t a, uint32_t b, uint32_t c) {
 
 int TriangleSearch::Children(const Node& node, Node* children) const {
   const BoxTree& t = *tree_;
-  const uint32_t k[3] = {node.a, node.b, node.c};
+  const std::array<uint32_t, 3> k = {node.a, node.b, node.c};
   int which = -1;
   double widest = -1.0;
   for (int p = 0; p < 3; ++p) {

@@ -5,6 +5,7 @@
 #include <openssl/evp.h>
 #include <poll.h>
 #include <signal.h>
+#include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -177,6 +178,7 @@ SimProgram::SimProgram(const std::vector<std::string>& args) {
   if (pid < 0) throw std::runtime_error("fork failed");
   if (pid == 0) {
     dup2(out[1], STDOUT_FILENO);
+    prctl(PR_SET_PDEATHSIG, SIGTERM);  // a test process killed by a timeout takes it along
     execv(argv.program(), argv.get());
     _exit(127);
   }

@@ -4,6 +4,7 @@
 
 #include <unistd.h>
 
+#include <atomic>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -110,7 +111,7 @@ struct FailingAllocation {
   explicit FailingAllocation(int number = 0);
   ~FailingAllocation();
   void FailAt(int number) { count = 0, failAt = number; }  // and counts from 1 again
-  static inline int count = 0, failAt = 0;
+  static inline std::atomic<int> count = 0, failAt = 0;  // the analysis allocates on two threads
 };
 
 // Resets the run parameters the way the program starts: all zero, defaults set.

@@ -21,8 +21,7 @@ constexpr Target kTargets[] = {
     {"config_file", target::ConfigFile},       {"command_line", target::CommandLine},
     {"fastlz", target::Fastlz},                {"syride_memory", target::SyrideMemory},
     {"syride_container", target::SyrideContainer}, {"flymaster_dump2xx", target::FlymasterDump2xx},
-    {"flymaster_dump_new", target::FlymasterDumpNew}, {"serial_download", target::SerialDownload},
-};
+    {"flymaster_dump_new", target::FlymasterDumpNew}, {"serial_download", target::SerialDownload}};
 
 int (*chosen)(const uint8_t*, size_t) = nullptr;
 

@@ -414,8 +414,7 @@ const std::map<std::string, Operation>& Operations() {
       {"waypoints-ozi", [](const Case& c) { return WaypointRead(DecodeOziWpts, c); }},
       {"waypoints-geo", [](const Case& c) { return WaypointRead(DecodeGeoWpts, c); }},
       {"waypoint-split", Split},    {"waypoint-fields", WaypointFields},
-      {"file-names", FileNames},    {"kml", Kml},
-      {"track-checks", TrackChecks}};
+      {"file-names", FileNames},    {"kml", Kml},            {"track-checks", TrackChecks}};
   return operations;
 }
 

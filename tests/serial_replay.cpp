@@ -116,10 +116,9 @@ Waypoint MakeWaypoint(const char* id, const char* comment, double latitude, doub
   return w;
 }
 
-// Uploads need something to send: names that need the alphabet rules. The
-// list is there before the command starts, whatever memory faults it meets.
+// Uploads need something to send: names that need the alphabet rules.
 void LoadWaypoints() {
-  auto* const allocate = std::exchange(pAllocate, std::malloc);
+  auto* const allocate = std::exchange(pAllocate, std::malloc);  // the user's list
   AppendWaypoint(MakeWaypoint("COL", "Col d'Aze", 46.504, 7.258, 1250));
   AppendWaypoint(MakeWaypoint("low", "low meadow\xe9", -33.5, -70.25, 12));
   AppendWaypoint(MakeWaypoint("TOPTOP", "summit of the long ridge to the east", 45.0, 179.99, 4810));

@@ -95,6 +95,7 @@ std::string Transcript(usbemu::Bus& bus, const std::vector<std::string>& run) {
       const int32_t done = op[0] == "write"   ? syride::USB_WriteData(&device, address, data.data(), length)
                            : op[0] == "block" ? syride::USB_WriteBlock(&device, address, data.data())
                            : op[0] == "erase" ? syride::USB_EraseFlashSubSector(&device, address)
+                           : op[0] == "track" ? syride::ReadSelectedTrack(&device, static_cast<int32_t>(address))
                                               : syride::USB_ReadData(&device, address, data.data(), length);
       io += Line(run[i], done, Short(std::string(data.begin(), data.begin() + length)));
     }

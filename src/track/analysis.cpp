@@ -960,9 +960,11 @@ class TriangleSearch {
 
   TriangleSearch(const uint32_t* distance, int32_t count, const GapEntry* gap)
       : d_(distance), n_(count), gap_(gap), blocks_((count + kBlock - 1) / kBlock),
-        wideBlocks_((blocks_ + kWide - 1) / kWide), near_(Size(count, blocks_)), shape_(Size(count, blocks_ + kWide)),
+        wideBlocks_((blocks_ + kWide - 1) / kWide), near_(Size(count, blocks_)), shape_(Size(count, blocks_) + kWide),
         wide_(Size(count, wideBlocks_)),
-        wideInto_(Size(blocks_, wideBlocks_)), blockPairs_(Size(blocks_, blocks_)), order_(Size(blocks_, blocks_)) {}
+        wideInto_(Size(blocks_, wideBlocks_)), blockPairs_(Size(blocks_, blocks_)), order_(Size(blocks_, blocks_)) {
+    if (shape_.ok()) std::fill_n(&shape_[Size(count, blocks_)], kWide, Shape{std::numeric_limits<int32_t>::max(), 0});
+  }
 
   bool ok() const {
     return near_.ok() && shape_.ok() && wide_.ok() && wideInto_.ok() && blockPairs_.ok() && order_.ok();
@@ -1099,7 +1101,8 @@ class TriangleSearch {
            (kDen - 2 * kNum) * (kDen - 1) + 2 * (kDen - 1) * kNum;
   }
   // Bit i set for each of the kWide small blocks from `k` on that may pass
-  // the FAI shape test with the corners of `p`.
+  // the FAI shape test with the corners of `p`; bits past the last block
+  // mean nothing.
   uint32_t Shapes(const Corners& p, int32_t k) const;
   // The same for a pair of corners.
   static bool Open(bool fai, const Corners& p, Span ab, Span bc, int64_t need) {
@@ -1120,10 +1123,11 @@ class TriangleSearch {
   int32_t blocks_, wideBlocks_;
   Table<Span> near_;  // point x small block
   // The FAI shape test of Reaches, scaled to 32 bits: per point and small
-  // block (and kWide blocks of padding that never pass), 175 x least and
-  // 275 x most + 600. A block can pass only where the greatest of the first
-  // is at most the least of the second, which Shapes tests four blocks at a
-  // time while every distance is below 2^21 m.
+  // block, 175 x least and 275 x most + 600. A block can pass only where the
+  // greatest of the first is at most the least of the second, which Shapes
+  // tests four blocks at a time while every distance is below 2^21 m. It
+  // reads kWide blocks at once, past a row's end into the next row (or the
+  // padding after the last), where no block is in reach.
   struct Shape {
     int32_t low;
     int32_t high;
@@ -1162,10 +1166,7 @@ void TriangleSearch<GapEntry>::PrepareRow(int32_t x) {
     near_[Size(x, blocks_) + static_cast<size_t>(k)] = s;
     widen(&wide_[Size(x, wideBlocks_) + static_cast<size_t>(k / kWide)], s);
     if (s.most >= kShapeLimit) shaped_ = false;
-    shape_[Size(x, blocks_ + kWide) + static_cast<size_t>(k)] = {ShapeLow(s.least), ShapeHigh(s.most)};
-  }
-  for (int32_t k = blocks_; k < blocks_ + kWide; ++k) {
-    shape_[Size(x, blocks_ + kWide) + static_cast<size_t>(k)] = {std::numeric_limits<int32_t>::max(), 0};
+    shape_[Size(x, blocks_) + static_cast<size_t>(k)] = {ShapeLow(s.least), ShapeHigh(s.most)};
   }
 }
 
@@ -1257,8 +1258,8 @@ bool TriangleSearch<GapEntry>::MakeCorners(bool fai, int32_t a, int32_t c, int64
 template <typename GapEntry>
 uint32_t TriangleSearch<GapEntry>::Shapes(const Corners& p, int32_t k) const {
   static_assert(kWide == 8);
-  const Shape* sa = &shape_[Size(p.a, blocks_ + kWide) + static_cast<size_t>(k)];
-  const Shape* sc = &shape_[Size(p.c, blocks_ + kWide) + static_cast<size_t>(k)];
+  const Shape* sa = &shape_[Size(p.a, blocks_) + static_cast<size_t>(k)];
+  const Shape* sc = &shape_[Size(p.c, blocks_) + static_cast<size_t>(k)];
   const int32_t acLow = ShapeLow(p.ac), acHigh = ShapeHigh(p.ac);
   uint32_t passing = 0;
 #if defined(__SSE2__)

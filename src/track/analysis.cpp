@@ -1812,26 +1812,22 @@ void FindSampledDistancesBySums(const uint32_t* distance, int32_t n, const Partn
   const size_t width = static_cast<size_t>(n);
   const uint32_t* to = p.toDistance.get();
   const uint32_t* from = p.fromDistance.get();
-  int64_t best = -1;
-  for (int32_t t1 = 1; t1 + 2 < n; ++t1) {
-    const uint32_t* row = distance + static_cast<size_t>(t1) * width;
-    int64_t rowBest = -1;
-    const int32_t rowPoint = LastGreatestSum(row, to, t1 + 1, n - 2, &rowBest);
-    const int64_t into = from[t1];
-    if (rowPoint >= 0 && into + rowBest >= best) {
-      best = into + rowBest;
-      StoreFour(p, t1, rowPoint, four);
+  // The best way on from a turnpoint is the same for both: found once.
+  int64_t bestFour = -1, bestFive = -1;
+  for (int32_t t = 1; t + 2 < n; ++t) {
+    const uint32_t* row = distance + static_cast<size_t>(t) * width;
+    int64_t after = -1;
+    const int32_t next = LastGreatestSum(row, to, t + 1, n - 2, &after);
+    if (next >= 0 && from[t] + after >= bestFour) {
+      bestFour = from[t] + after;
+      StoreFour(p, t, next, four);
     }
-  }
-  best = -1;
-  for (int32_t t2 = 2; t2 + 2 < n; ++t2) {
-    const uint32_t* row = distance + static_cast<size_t>(t2) * width;
-    int64_t before = -1, after = -1;
-    const int32_t t1 = LastGreatestSum(from, row, 1, t2 - 1, &before);
-    const int32_t t3 = LastGreatestSum(row, to, t2 + 1, n - 2, &after);
-    if (before + after >= best) {
-      best = before + after;
-      StoreFive(p, t1, t2, t3, five);
+    if (t < 2) continue;
+    int64_t before = -1;
+    const int32_t previous = LastGreatestSum(from, row, 1, t - 1, &before);
+    if (before + after >= bestFive) {
+      bestFive = before + after;
+      StoreFive(p, previous, t, next, five);
     }
   }
 }

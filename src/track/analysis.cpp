@@ -7,6 +7,7 @@
 #endif
 
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <cctype>
 #include <cmath>
@@ -1693,58 +1694,135 @@ struct Partners {
 
 uint32_t RoundedPlanarMetres(double metres) { return metres < 4294967296.0 ? static_cast<uint32_t>(metres) : kFarAway; }
 
-// Row a measures the points after a and writes each distance into the row
-// of that point too: (x - y) squared equals (y - x) squared, so each half of
-// the table holds exactly what the other would. The partners come along:
-// the greatest distance to a later point while the row is made, the
-// greatest from an earlier point as the earlier rows reach it.
-template <typename RowDone>
-void FillDistanceTable(const double* east, const double* north, int32_t n, uint32_t* distance, Partners* partners,
-                       RowDone&& rowDone) {
-  const size_t width = static_cast<size_t>(n);
-  for (int32_t b = 0; b < n; ++b) {
-    partners->fromDistance[b] = 0;
-    partners->fromPoint[b] = b - 1;
-  }
-  double metres[2];
-  for (int32_t a = 0; a < n; ++a) {
-    uint32_t* row = distance + static_cast<size_t>(a) * width;
-    row[a] = 0;
-    uint32_t to = 0;
-    int32_t toPoint = a + 1;
-    auto store = [&](int32_t b, uint32_t value) {
-      row[b] = value;
-      distance[static_cast<size_t>(b) * width + static_cast<size_t>(a)] = value;
-      if (value > to) {
-        to = value;
-        toPoint = b;
-      }
-      if (value > partners->fromDistance[b]) {
-        partners->fromDistance[b] = value;
-        partners->fromPoint[b] = a;
-      }
-    };
-    int32_t b = a + 1;
+// Distances from point a to the points after it, in metres rounded half up.
+void MeasureRow(const double* east, const double* north, int32_t n, int32_t a, uint32_t* row) {
+  int32_t b = a + 1;
 #if defined(__SSE2__)
-    // Two distances at a time, each rounded exactly as one at a time.
-    const __m128d eastA = _mm_set1_pd(east[a]), northA = _mm_set1_pd(north[a]), half = _mm_set1_pd(0.5);
-    for (; b + 1 < n; b += 2) {
-      const __m128d dx = _mm_sub_pd(eastA, _mm_loadu_pd(east + b));
-      const __m128d dy = _mm_sub_pd(northA, _mm_loadu_pd(north + b));
-      _mm_storeu_pd(metres, _mm_add_pd(_mm_sqrt_pd(_mm_add_pd(_mm_mul_pd(dx, dx), _mm_mul_pd(dy, dy))), half));
-      store(b, RoundedPlanarMetres(metres[0]));
-      store(b + 1, RoundedPlanarMetres(metres[1]));
+  // Two at a time, each rounded exactly as one at a time; a pair with 2^31 m
+  // or more (or no number) one at a time. Nothing else in this loop, so that
+  // the square roots overlap.
+  const __m128d eastA = _mm_set1_pd(east[a]), northA = _mm_set1_pd(north[a]), half = _mm_set1_pd(0.5);
+  const __m128d signedLimit = _mm_set1_pd(2147483648.0);
+  for (; b + 1 < n; b += 2) {
+    const __m128d dx = _mm_sub_pd(eastA, _mm_loadu_pd(east + b));
+    const __m128d dy = _mm_sub_pd(northA, _mm_loadu_pd(north + b));
+    const __m128d metres = _mm_add_pd(_mm_sqrt_pd(_mm_add_pd(_mm_mul_pd(dx, dx), _mm_mul_pd(dy, dy))), half);
+    if (_mm_movemask_pd(_mm_cmplt_pd(metres, signedLimit)) == 3) {
+      _mm_storel_epi64(reinterpret_cast<__m128i*>(row + b), _mm_cvttpd_epi32(metres));
+    } else {
+      double each[2];
+      _mm_storeu_pd(each, metres);
+      row[b] = RoundedPlanarMetres(each[0]);
+      row[b + 1] = RoundedPlanarMetres(each[1]);
     }
+  }
 #endif
-    for (; b < n; ++b) {
-      const double dx = east[a] - east[b], dy = north[a] - north[b];
-      store(b, RoundedPlanarMetres(std::sqrt(dx * dx + dy * dy) + 0.5));
-    }
-    partners->toDistance[a] = to;
-    partners->toPoint[a] = toPoint;
-    rowDone(a);  // the rows before have filled in the rest of this one
+  for (; b < n; ++b) {
+    const double dx = east[a] - east[b], dy = north[a] - north[b];
+    row[b] = RoundedPlanarMetres(std::sqrt(dx * dx + dy * dy) + 0.5);
   }
 }
+
+// The table of sampled distances, made kTile rows at a time: each row from
+// the diagonal on, then copied into the rows of the later points, since
+// (x - y) squared equals (y - x) squared; the kTile rows stay in the cache
+// while each later row takes its kTile values at once, where one column at
+// a time would not. The partners come along: the greatest distance to a
+// later point as each row is measured, the greatest from an earlier point
+// in the order of the earlier points.
+//
+// A second thread may measure tiles from the last one back while the first
+// works forward: a tile is claimed by whichever thread comes first, and the
+// first thread waits only for a tile the second is measuring.
+class DistanceTable {
+ public:
+  DistanceTable(const double* east, const double* north, int32_t n, uint32_t* distance, Partners* partners)
+      : east_(east), north_(north), n_(n), distance_(distance), partners_(partners), helped_(Tiles() - 1) {}
+
+  template <typename RowDone>
+  void Fill(RowDone&& rowDone) {
+    const size_t width = static_cast<size_t>(n_);
+    uint32_t* from = partners_->fromDistance.get();
+    for (int32_t b = 0; b < n_; ++b) {
+      from[b] = 0;
+      partners_->fromPoint[b] = b - 1;
+    }
+    for (int32_t tile = 0; tile < Tiles(); ++tile) {
+      uint8_t expected = kFree;
+      if (claims_[tile].compare_exchange_strong(expected, kClaimed, std::memory_order_acq_rel)) {
+        Measure(tile);
+      } else {
+        while (claims_[tile].load(std::memory_order_acquire) != kMeasured) std::this_thread::yield();
+      }
+      const int32_t first = tile * kTile, end = std::min(n_, first + kTile);
+      // Into each later row, its part of the tile's columns: a cache line.
+      for (int32_t b = first + 1; b < n_; ++b) {
+        uint32_t* into = distance_ + static_cast<size_t>(b) * width;
+        uint32_t most = from[b];
+        int32_t point = partners_->fromPoint[b];
+        for (int32_t a = first; a < std::min(end, b); ++a) {
+          const uint32_t value = distance_[static_cast<size_t>(a) * width + static_cast<size_t>(b)];
+          into[a] = value;
+          if (value > most) {
+            most = value;
+            point = a;
+          }
+        }
+        from[b] = most;
+        partners_->fromPoint[b] = point;
+      }
+      // The tile's rows are whole now: the rows before filled in the rest.
+      for (int32_t a = first; a < end; ++a) rowDone(a);
+    }
+  }
+
+  // From the second thread: measures the last tile nobody has claimed;
+  // false once the first thread has come that far.
+  bool Help() {
+    if (helped_ < 0) return false;
+    const int32_t tile = helped_--;
+    uint8_t expected = kFree;
+    if (!claims_[tile].compare_exchange_strong(expected, kClaimed, std::memory_order_acq_rel)) {
+      helped_ = -1;  // the first thread claims in order: it has all before
+      return false;
+    }
+    Measure(tile);
+    claims_[tile].store(kMeasured, std::memory_order_release);
+    return true;
+  }
+
+ private:
+  static constexpr int32_t kTile = 16;
+  static constexpr uint8_t kFree = 0, kClaimed = 1, kMeasured = 2;
+
+  int32_t Tiles() const { return (n_ + kTile - 1) / kTile; }
+
+  void Measure(int32_t tile) {
+    for (int32_t a = tile * kTile; a < std::min(n_, (tile + 1) * kTile); ++a) {
+      uint32_t* row = distance_ + static_cast<size_t>(a) * static_cast<size_t>(n_);
+      row[a] = 0;
+      MeasureRow(east_, north_, n_, a, row);
+      uint32_t to = 0;
+      int32_t toPoint = a + 1;
+      for (int32_t b = a + 1; b < n_; ++b) {
+        if (row[b] > to) {
+          to = row[b];
+          toPoint = b;
+        }
+      }
+      partners_->toDistance[a] = to;
+      partners_->toPoint[a] = toPoint;
+    }
+  }
+
+  const double* east_;
+  const double* north_;
+  int32_t n_;
+  uint32_t* distance_;
+  Partners* partners_;
+  int32_t helped_;  // the next tile the second thread tries, downwards
+  std::array<std::atomic<uint8_t>, (rules::kSampleLimit + kTile - 1) / kTile> claims_{};
+};
 
 // The last i from `from` to `to` with the greatest x[i] + y[i], and that sum
 // in `sum`; -1 for an empty range. The sums must stay below 2^32.
@@ -2001,7 +2079,7 @@ int32_t SearchSampledDistances(const FlightAnalysis* record, SampledDistances* f
   if (!sample.ok() || !east.ok() || !north.ok() || !distance.ok() || !partners.ok()) return -1;
   const int32_t n = SamplePoints(count, sample.get());
   ProjectSample(points, sample.get(), n, centralMeridian, east.get(), north.get());
-  FillDistanceTable(east.get(), north.get(), n, distance.get(), &partners, [](int32_t) {});
+  DistanceTable(east.get(), north.get(), n, distance.get(), &partners).Fill([](int32_t) {});
   FindSampledDistances(distance.get(), n, partners, found->anOpen, found->anThree, found->anFour, found->anFive);
   found->bOutAndReturn = FindSampledOutAndReturn(distance.get(), n, found->anOutAndReturn) ? 1 : 0;
   auto toFull = [&sample](int32_t* index, int32_t size) {
@@ -2060,7 +2138,8 @@ int32_t AnalyzeTrack(FlightAnalysis* record) {
   // of a long track take longer than the table, the table's thread does
   // that for each row while it is at hand; otherwise the statistics' thread
   // follows the table row by row once it is done, until the table is, and
-  // the rest comes beside the distance results.
+  // the rest comes beside the distance results. Whenever the statistics'
+  // thread would wait for the table, it measures part of it.
   const bool rowsAlong = count > 4 * rules::kSampleLimit;
   const bool preparing = search && searchable;
   auto prepareRow = [&](int32_t a) {
@@ -2068,12 +2147,14 @@ int32_t AnalyzeTrack(FlightAnalysis* record) {
     search->PrepareRow(a);
   };
   std::atomic<int32_t> rowsMade{0};  // rows of the table complete
-  std::atomic<bool> tableMade{false};
+  std::atomic<bool> projected{false}, tableMade{false};
+  DistanceTable fill(east.get(), north.get(), n, distance.get(), &partners);
   int32_t rowsPrepared = 0;
   RunInParallel(
       [&] {
         ProjectSample(points, sample.get(), n, centralMeridian, east.get(), north.get());
-        FillDistanceTable(east.get(), north.get(), n, distance.get(), &partners, [&](int32_t a) {
+        projected.store(true, std::memory_order_release);
+        fill.Fill([&](int32_t a) {
           if (preparing && rowsAlong) prepareRow(a);
           rowsMade.store(a + 1, std::memory_order_release);
         });
@@ -2081,18 +2162,20 @@ int32_t AnalyzeTrack(FlightAnalysis* record) {
       },
       [&] {
         fillStatistics();
-        if (!preparing) return;
-        if (rowsAlong) {
-          rowsPrepared = n;
-          return;
-        }
-        // A row is complete once the table's thread has gone past it: its
-        // own part is written then and the earlier rows wrote the rest.
-        while (rowsPrepared < n && !tableMade.load(std::memory_order_acquire)) {
-          if (rowsPrepared < rowsMade.load(std::memory_order_acquire)) {
+        if (preparing && rowsAlong) rowsPrepared = n;
+        const bool following = preparing && !rowsAlong;
+        // Until the table is made: each row as soon as it is complete, when
+        // this thread prepares them (a row is complete once the table's
+        // thread has gone past it), else a tile of the table.
+        while (!tableMade.load(std::memory_order_acquire)) {
+          if (following && rowsPrepared < rowsMade.load(std::memory_order_acquire)) {
             prepareRow(rowsPrepared++);
-          } else {
+          } else if (projected.load(std::memory_order_acquire) && fill.Help()) {
+            continue;
+          } else if (following || !projected.load(std::memory_order_acquire)) {
             std::this_thread::yield();
+          } else {
+            break;
           }
         }
       });
